@@ -16,8 +16,16 @@ void* checked_calloc(std::size_t size);
 void* checked_realloc(void* block, std::size_t size);
 void release_block(void* block);
 
+// Routes a failing operator new to out_of_memory() as well, so that a
+// standard container that cannot grow ends the process the same way. Start-up
+// calls it once, before anything allocates in earnest.
+void install_new_handler();
+
 // Growing arrays reallocate only about once per 4096 bytes: a request above
 // 1024 bytes becomes ((size + 100) / 4096 + 1) * 4096, smaller ones stand.
+inline constexpr std::size_t realloc_exact_limit_bytes = 1024;
+inline constexpr std::size_t realloc_slack_bytes = 100;
+inline constexpr std::size_t realloc_step_bytes = 4096;
 std::size_t realloc_rounded_size(std::size_t size);
 
 template <class T>

@@ -29,7 +29,9 @@ void ds_destroy(ObjectId& set);
 void ds_delete_tree(ObjectId set);
 // Next member after member (0 starts) in id order, nested sets skipped; 0 at the end.
 void ds_next(ObjectId set, ObjectType& out_type, ObjectId& member);
-// Next member of the type above member; 0 at the end. Returns the address.
+// Next member of the type above member; 0 at the end. With out_address, the
+// member is looked up (checked) and its address written and returned;
+// without it nothing is looked up and the result is null.
 void* ds_next_of_type(ObjectId set, ObjectType type, ObjectId& member, void** out_address);
 void* ds_next_of_type(Mobj* set, ObjectType type, ObjectId& member, void** out_address);
 void ds_last_of_type(ObjectId set, ObjectType type, ObjectId& out_member);
@@ -70,9 +72,11 @@ int32_t oset_count(ObjectId handle);
 ObjectId oset_at(ObjectId handle, int32_t position);
 const void* oset_key(ObjectId handle, ObjectId id);
 ObjectId oset_clone(ObjectId handle);
+// Removes the set from the registry and frees it; zeroes the variable.
 void oset_delete(ObjectId& handle);
 void oset_delete_objects(ObjectId& handle);
-// The first step of oset_delete_objects alone, for a set that stays.
+// The first step of oset_delete_objects alone, for a set that stays: the
+// stale ids and one more element, 0, are counted until the next search.
 void oset_delete_objects_keep_set(ObjectId handle);
 
 // The compare of the sets: 1 when the key sorts before the element's, 0 when

@@ -54,8 +54,9 @@ using ObjectCopyHook = void (*)(const void* source, void* destination);
 
 // A record struct names its type: static constexpr ObjectType object_type.
 template <class T>
-concept StoreRecord = std::is_trivially_copyable_v<T> && std::is_standard_layout_v<T> &&
-                      requires { T::object_type; };
+concept StoreRecord = std::is_trivially_copyable_v<T> && std::is_standard_layout_v<T> && requires {
+    T::object_type;
+};
 
 // Makes the store's tables; runs once, before any module registers a type.
 void object_store_create();
@@ -99,8 +100,19 @@ void cre_obj_children(ObjectType owner_type, ObjectId owner_id, ObjectType eleme
 // Idle-time compaction of every table with at least 100 tombstones; yields
 // as soon as the pending-work test says something waits.
 void purge_obj_tables();
-// The main loop's pending-work test (the UI backend supplies it).
+// The main loop's pending-work test (the UI backend supplies it). It runs
+// with the store's lock held, after each slot copied, so it must not use the
+// store itself.
 void set_pending_work_test(bool (*test)());
+
+// A fresh id from the common counter, for records that are named by an id but
+// kept outside the tables (the OrderedSets).
+ObjectId draw_object_id();
+
+// Sets a sorted array's used size in bytes. The element array grows through
+// realloc_mem, and only when the rounded block size changes, so that growing
+// element by element reallocates about once per 4096 bytes.
+void mobj_resize(Mobj& mobj, int32_t size_bytes);
 
 // Typed forms.
 template <StoreRecord T>

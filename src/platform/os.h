@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <type_traits>
 
 namespace norvanta::os {
 
@@ -61,13 +62,18 @@ void sleep_ms(int milliseconds);
 
 // The separator the program adds to paths it forms.
 inline constexpr char path_separator = '/';
-inline bool is_separator(char c) { return c == '/' || c == '\\'; }
+inline bool is_separator(char c) {
+    return c == '/' || c == '\\';
+}
 
 template <class Visit>
 void list_directory(const char* directory, Visit&& visit) {
     list_directory_raw(
         directory,
-        [](const char* name, void* context) { (*static_cast<Visit*>(context))(name); }, &visit);
+        [](const char* name, void* context) {
+            (*static_cast<std::remove_reference_t<Visit>*>(context))(name);
+        },
+        &visit);
 }
 
 } // namespace norvanta::os

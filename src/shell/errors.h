@@ -52,25 +52,54 @@ extern std::atomic<int32_t> gblerr;
 // Stores the code and returns it, so that failing is a one-line return.
 ErrorCode set_gblerr(ErrorCode code);
 
-inline bool error_pending() { return gblerr.load(std::memory_order_relaxed) != 0; }
+inline bool error_pending() {
+    return gblerr.load(std::memory_order_relaxed) != 0;
+}
 inline ErrorCode current_error() {
     return static_cast<ErrorCode>(gblerr.load(std::memory_order_relaxed));
 }
 
 // The text of the code that gblerr holds now, in the language in use.
 const char* error_text();
-// The text of any code in a given language (1 French, 2 English).
+// The text of any code in a given language (1 French, anything else English).
+// A value outside the table reads as "" rather than past its end.
 const char* error_text_of(ErrorCode code, int language);
 // The coarser class text of a code, kept with the library's data.
+inline constexpr int error_class_count = 12;
 const char* error_class_text_of(ErrorCode code, int language);
+
+// The "note the code, clear it, work, restore" pattern. Store operations do
+// nothing while the word is set, so a function that must clean up (delete a
+// half-made set) or report and then hand the failure on to its caller holds
+// the code here: the word is clear for the life of the hold, and a noted code
+// is stored again when the hold ends, over whatever was stored meanwhile. With
+// nothing noted, a code stored during the hold stands.
+class ErrorHold {
+  public:
+    ErrorHold();
+    ~ErrorHold();
+    ErrorHold(const ErrorHold&) = delete;
+    ErrorHold& operator=(const ErrorHold&) = delete;
+
+    ErrorCode code() const { return noted_; }
+    // The failure is dealt with: the end of the hold stores nothing.
+    void release() { noted_ = ErrorCode::none; }
+
+  private:
+    ErrorCode noted_;
+};
+
+// A dated log entry written while a failure is pending, leaving gblerr as it
+// found it; the common case of ErrorHold.
+void log_and_keep_error(const char* text);
 
 // The error log: LogDir "zz_" tag ".log", formed once at start-up.
 void log_set_path(const char* tag);
-const char* log_path(); // null until log_set_path has run
-void log_stamp();                  // the dated separator line
-void log_line(const char* text);   // text and a line feed
-void log_text(const char* text);   // text alone
-void log_entry(const char* text);  // dated separator, then the text and a line feed
+const char* log_path();           // null until log_set_path has run
+void log_stamp();                 // the dated separator line
+void log_line(const char* text);  // text and a line feed
+void log_text(const char* text);  // text alone
+void log_entry(const char* text); // dated separator, then the text and a line feed
 
 // Message boxes: clear gblerr, then show the text, owned by the main window.
 // Nothing is shown (and nothing reported) before the main window exists.

@@ -12,6 +12,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <type_traits>
+
+#include "core/mobj.h"
+#include "core/object_types.h"
 
 namespace norvanta {
 
@@ -24,7 +28,7 @@ inline constexpr double one_hour_days = 0.041666666666666664;    // 1/24
 inline constexpr double one_minute_days = 0.0006944444444444445; // 1/1440
 inline constexpr double one_second_days = 1.1574074074074073e-5; // 1/86400
 inline constexpr double one_ms_days = 1.1574074074074074e-8;
-inline constexpr double seconds_to_hours = 0.0002777777777777778; // 1/3600
+inline constexpr double seconds_to_hours = 0.0002777777777777778;  // 1/3600
 inline constexpr double seconds_to_minutes = 0.016666666666666666; // 1/60
 
 // ---- core ----
@@ -67,9 +71,24 @@ void parse_year_first_date(const char* text, double fraction, JulianTime& out);
 double pack_hhmmss_ddmmyy(long hhmmss, long ddmmyy);
 double parse_iso_date(const char* text);
 void parse_iso_julian(const char* text, JulianTime& out);
-// 0 for a text shorter than 3 or no month of the table.
+// One month of the table, an object of the store so that month names are
+// found through an ordered set on the name.
+struct MonthName {
+    static constexpr ObjectType object_type = ObjectType::MonthName;
+
+    ObjectId id;      // object header
+    ObjectType type;  // object header: ObjectType::MonthName
+    const char* name; // three upper-case letters, a static text (not owned)
+    int32_t number;   // the month's number as the table gives it
+};
+static_assert(std::is_trivially_copyable_v<MonthName> && std::is_standard_layout_v<MonthName>);
+
+// The first three letters of text, in upper case, looked up in the month
+// table: 0 for a text shorter than 3, a name not in the table, or before
+// month_table_init.
 int month_from_name(const char* text);
-// Makes the month table (a store type and an ordered set on the name).
+// Registers the MonthName type and fills the month table; the store must
+// exist. Runs once; later calls do nothing.
 void month_table_init();
 
 // ---- epochs of outside formats ----
