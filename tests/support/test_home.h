@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include <gtest/gtest.h>
+
 namespace norvanta::testing {
 
 class TestHome {
@@ -21,6 +23,13 @@ class TestHome {
   private:
     std::string path_;
 };
+
+// Registers, once per process, a gtest environment that gives the whole test
+// program a private home before the first test. The configuration, directories
+// and log are formed once, at whatever first asks, so call it at namespace scope
+// ahead of the file's own environments:
+//   [[maybe_unused]] const auto* const home = testing::use_private_home_for_this_process();
+::testing::Environment* use_private_home_for_this_process();
 
 std::string read_file(const std::string& path);
 void write_file(const std::string& path, const std::string& content);
