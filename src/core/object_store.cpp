@@ -89,14 +89,12 @@ int32_t slot_count(const Mobj& table) {
     return mobj_element_count(table);
 }
 
-// The exact look-up: with lo and hi closing in until they are neighbours, then
-// both tested for equality. Returns the slot index or -1.
-int32_t find_slot(const Mobj& table, ObjectId id) {
-    int32_t n = slot_count(table);
-    if (n == 0) return -1;
-    const ObjectSlot* slots = slots_of(table);
-    int32_t lo = 0;
-    int32_t hi = n - 1;
+// The binary search of every table: lo and hi close in on id until they are
+// neighbours (hi moves down past ids above it, lo up to the others). The
+// table must hold at least one slot.
+void bracket(const ObjectSlot* slots, int32_t n, ObjectId id, int32_t& lo, int32_t& hi) {
+    lo = 0;
+    hi = n - 1;
     while (hi - lo > 1) {
         int32_t mid = (lo + hi) / 2;
         if (slots[mid].id > id) {
@@ -105,6 +103,17 @@ int32_t find_slot(const Mobj& table, ObjectId id) {
             lo = mid;
         }
     }
+}
+
+// The exact look-up: both ends of the bracket tested for equality. Returns
+// the slot index or -1.
+int32_t find_slot(const Mobj& table, ObjectId id) {
+    int32_t n = slot_count(table);
+    if (n == 0) return -1;
+    const ObjectSlot* slots = slots_of(table);
+    int32_t lo = 0;
+    int32_t hi = 0;
+    bracket(slots, n, id, lo, hi);
     if (slots[lo].id == id) return lo;
     if (slots[hi].id == id) return hi;
     return -1;
@@ -116,15 +125,8 @@ int32_t first_slot_above(const Mobj& table, ObjectId id) {
     const ObjectSlot* slots = slots_of(table);
     if (n == 0 || slots[n - 1].id <= id) return n;
     int32_t lo = 0;
-    int32_t hi = n - 1;
-    while (hi - lo > 1) {
-        int32_t mid = (lo + hi) / 2;
-        if (slots[mid].id > id) {
-            hi = mid;
-        } else {
-            lo = mid;
-        }
-    }
+    int32_t hi = 0;
+    bracket(slots, n, id, lo, hi);
     return slots[lo].id > id ? lo : hi;
 }
 

@@ -137,6 +137,13 @@ const char* publish(std::atomic<const char*>& slot, const std::string& text) {
     return expected;
 }
 
+// The text up to and including the last separator; empty without one.
+std::string directory_part(std::string path) {
+    std::size_t last = path.find_last_of("/\\");
+    path.resize(last == std::string::npos ? 0 : last + 1);
+    return path;
+}
+
 std::string with_separator(std::string path) {
     if (!path.empty() && !os::is_separator(path.back())) path += os::path_separator;
     return path;
@@ -445,17 +452,12 @@ int max_memory() {
 
 void set_program_dir(const char* executable_path) {
     std::string path = os::absolute_path(executable_path ? executable_path : "");
-    std::size_t last = path.find_last_of("/\\");
-    path.resize(last == std::string::npos ? 0 : last + 1);
-    ProgramDir.store(keep(path), std::memory_order_release);
+    ProgramDir.store(keep(directory_part(path)), std::memory_order_release);
 }
 
 const char* program_dir() {
     if (const char* directory = ProgramDir.load(std::memory_order_acquire)) return directory;
-    std::string path = os::executable_path();
-    std::size_t last = path.find_last_of("/\\");
-    path.resize(last == std::string::npos ? 0 : last + 1);
-    return publish(ProgramDir, path);
+    return publish(ProgramDir, directory_part(os::executable_path()));
 }
 
 const char* system_dir() {
