@@ -164,38 +164,59 @@ std::optional<int32_t> search_attempt(const OrderedSetEntry& entry, const void* 
     return hi;
 }
 
-std::optional<int32_t> last_before_attempt(const OrderedSetEntry& entry, const void* key) {
-    int32_t n = element_count(entry);
-    if (n == 0) return no_position;
-    int32_t lo = 0;
-    int32_t hi = n - 1;
-    while (hi - lo > 1) {
-        int32_t mid = (lo + hi) / 2;
-        std::optional<Probe> at_mid = probe(entry, key, mid);
-        if (!at_mid) return std::nullopt;
-        if (at_mid->compare >= 0) {
-            hi = mid;
-        } else {
-            lo = mid;
-        }
-    }
-    std::optional<Probe> at_hi = probe(entry, key, hi);
-    if (!at_hi) return std::nullopt;
-    if (at_hi->compare == -1) return hi;
-    std::optional<Probe> at_lo = probe(entry, key, lo);
-    if (!at_lo) return std::nullopt;
-    if (at_lo->compare == -1) return lo;
-    return no_position;
-}
+// The strict searches and the positions around (key, id) come in mirror
+// pairs: the last element before a key is the first after it on the array read
+// from its end with the order turned round, and the position before (key, id)
+// is the position after it, read that way. A Reading hands a search its
+// positions and compares in one direction or the other, so that one function
+// serves each pair.
+class Reading {
+  public:
+    enum class Direction { forward, backward };
 
-std::optional<int32_t> first_after_attempt(const OrderedSetEntry& entry, const void* key) {
-    int32_t n = element_count(entry);
+    Reading(const OrderedSetEntry& entry, const void* key, Direction direction)
+        : entry_(entry), key_(key), backward_(direction == Direction::backward),
+          count_(element_count(entry)) {}
+
+    int32_t count() const { return count_; }
+
+    // The element at a position of this reading, its compare turned round
+    // when read backward.
+    std::optional<Probe> at(int32_t position) const {
+        std::optional<Probe> element = probe(entry_, key_, array_position(position));
+        if (element && backward_) element->compare = -element->compare;
+        return element;
+    }
+
+    // (key, id) sorts before the element in this reading: by key, then by id.
+    bool sorts_before(const Probe& element, ObjectId id) const {
+        if (element.compare != 0) return element.compare == 1;
+        return backward_ ? id > element.id : id < element.id;
+    }
+
+    // A position of this reading as a position of the array; a position one
+    // past the end read backward is -1.
+    int32_t array_position(int32_t position) const {
+        return backward_ ? count_ - 1 - position : position;
+    }
+
+  private:
+    const OrderedSetEntry& entry_;
+    const void* key_;
+    bool backward_;
+    int32_t count_;
+};
+
+// The first element whose key is strictly above the key (forward), or the
+// last whose key is strictly below it (backward).
+std::optional<int32_t> strictly_beyond_attempt(const Reading& reading) {
+    int32_t n = reading.count();
     if (n == 0) return no_position;
     int32_t lo = 0;
     int32_t hi = n - 1;
     while (hi - lo > 1) {
         int32_t mid = (lo + hi) / 2;
-        std::optional<Probe> at_mid = probe(entry, key, mid);
+        std::optional<Probe> at_mid = reading.at(mid);
         if (!at_mid) return std::nullopt;
         if (at_mid->compare <= 0) {
             lo = mid;
@@ -203,83 +224,59 @@ std::optional<int32_t> first_after_attempt(const OrderedSetEntry& entry, const v
             hi = mid;
         }
     }
-    std::optional<Probe> at_lo = probe(entry, key, lo);
+    std::optional<Probe> at_lo = reading.at(lo);
     if (!at_lo) return std::nullopt;
-    if (at_lo->compare == 1) return lo;
-    std::optional<Probe> at_hi = probe(entry, key, hi);
+    if (at_lo->compare == 1) return reading.array_position(lo);
+    std::optional<Probe> at_hi = reading.at(hi);
     if (!at_hi) return std::nullopt;
-    if (at_hi->compare == 1) return hi;
+    if (at_hi->compare == 1) return reading.array_position(hi);
     return no_position;
 }
 
-// The object (key, id) sorts before the probed element.
-bool sorts_before(const Probe& element, ObjectId id) {
-    return element.compare == 1 || (element.compare == 0 && id < element.id);
-}
-// The object (key, id) sorts after the probed element.
-bool sorts_after(const Probe& element, ObjectId id) {
-    return element.compare == -1 || (element.compare == 0 && id > element.id);
+// The position where (key, id) would stand behind everything that sorts
+// before or with it, n at the end (forward); or the position of the last
+// element that sorts before it, -1 when none (backward). The id's own key
+// is the key of the reading.
+std::optional<int32_t> position_beyond_attempt(const Reading& reading, ObjectId id) {
+    int32_t n = reading.count();
+    if (id == 0 || n == 0) return reading.array_position(0);
+    std::optional<Probe> last = reading.at(n - 1);
+    if (!last) return std::nullopt;
+    if (!reading.sorts_before(*last, id)) return reading.array_position(n);
+    int32_t lo = 0;
+    int32_t hi = n - 1;
+    while (hi - lo > 1) {
+        int32_t mid = (lo + hi) / 2;
+        std::optional<Probe> at_mid = reading.at(mid);
+        if (!at_mid) return std::nullopt;
+        if (reading.sorts_before(*at_mid, id)) {
+            hi = mid;
+        } else {
+            lo = mid;
+        }
+    }
+    std::optional<Probe> at_lo = reading.at(lo);
+    if (!at_lo) return std::nullopt;
+    if (reading.sorts_before(*at_lo, id)) return reading.array_position(lo);
+    std::optional<Probe> at_hi = reading.at(hi);
+    if (!at_hi) return std::nullopt;
+    if (reading.sorts_before(*at_hi, id)) return reading.array_position(hi);
+    return reading.array_position(hi + 1);
 }
 
-// The position where (key, id) would stand behind everything that sorts
-// before or with it; n when that is the end.
+std::optional<int32_t> first_after_attempt(const OrderedSetEntry& entry, const void* key) {
+    return strictly_beyond_attempt(Reading(entry, key, Reading::Direction::forward));
+}
+std::optional<int32_t> last_before_attempt(const OrderedSetEntry& entry, const void* key) {
+    return strictly_beyond_attempt(Reading(entry, key, Reading::Direction::backward));
+}
 std::optional<int32_t> position_after_attempt(const OrderedSetEntry& entry, const void* key,
                                               ObjectId id) {
-    int32_t n = element_count(entry);
-    if (id == 0 || n == 0) return 0;
-    std::optional<Probe> last = probe(entry, key, n - 1);
-    if (!last) return std::nullopt;
-    if (!sorts_before(*last, id)) return n;
-    int32_t lo = 0;
-    int32_t hi = n - 1;
-    while (hi - lo > 1) {
-        int32_t mid = (lo + hi) / 2;
-        std::optional<Probe> at_mid = probe(entry, key, mid);
-        if (!at_mid) return std::nullopt;
-        if (sorts_before(*at_mid, id)) {
-            hi = mid;
-        } else {
-            lo = mid;
-        }
-    }
-    std::optional<Probe> at_lo = probe(entry, key, lo);
-    if (!at_lo) return std::nullopt;
-    if (sorts_before(*at_lo, id)) return lo;
-    std::optional<Probe> at_hi = probe(entry, key, hi);
-    if (!at_hi) return std::nullopt;
-    if (sorts_before(*at_hi, id)) return hi;
-    return hi + 1;
+    return position_beyond_attempt(Reading(entry, key, Reading::Direction::forward), id);
 }
-
-// The mirror image: the position of the last element that sorts before
-// (key, id); -1 when there is none.
 std::optional<int32_t> position_before_attempt(const OrderedSetEntry& entry, const void* key,
                                                ObjectId id) {
-    int32_t n = element_count(entry);
-    if (id == 0) return n - 1;
-    if (n == 0) return no_position;
-    std::optional<Probe> first = probe(entry, key, 0);
-    if (!first) return std::nullopt;
-    if (!sorts_after(*first, id)) return no_position;
-    int32_t lo = 0;
-    int32_t hi = n - 1;
-    while (hi - lo > 1) {
-        int32_t mid = (lo + hi) / 2;
-        std::optional<Probe> at_mid = probe(entry, key, mid);
-        if (!at_mid) return std::nullopt;
-        if (sorts_after(*at_mid, id)) {
-            lo = mid;
-        } else {
-            hi = mid;
-        }
-    }
-    std::optional<Probe> at_hi = probe(entry, key, hi);
-    if (!at_hi) return std::nullopt;
-    if (sorts_after(*at_hi, id)) return hi;
-    std::optional<Probe> at_lo = probe(entry, key, lo);
-    if (!at_lo) return std::nullopt;
-    if (sorts_after(*at_lo, id)) return lo;
-    return lo - 1;
+    return position_beyond_attempt(Reading(entry, key, Reading::Direction::backward), id);
 }
 
 // The key of the object named by id, through the checked look-up; null (and
