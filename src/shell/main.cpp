@@ -16,6 +16,8 @@
 #include "core/memory.h"
 #include "core/object_store.h"
 #include "core/paged_memory.h"
+#include "geodesy/tables.h"
+#include "geodesy/transforms.h"
 #include "platform/os.h"
 #include "platform/ui.h"
 #include "shell/config.h"
@@ -135,8 +137,16 @@ void init_modules() {
     // 4; types 34 and 52 come with their modules.
     object_store_create();
     set_pending_work_test(ui_work_pending);
+    // 13: every conversion ends in the dictionary, so the program cannot run without it.
+    geodesy_register_types();
+    transforms_register_types();
+    geodesy_load();
+    // 14
+    if (error_pending()) return;
     // 21
     month_table_init();
+    // 22
+    geodesy_find_wgs84();
 }
 
 int start_up(std::span<const char* const> tokens, CommandLineReport report) {

@@ -1,0 +1,680 @@
+// The geodetic dictionary: the reading rules of the ten tables (rows dropped,
+// errors that end the load), the look-ups, the shifts between datums and their
+// shortest path, the GeoReference helpers, the system's own tables, and a
+// start-up that cannot find its tables.
+#include "geodesy/tables.h"
+
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <filesystem>
+#include <numbers>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "core/object_store.h"
+#include "geodesy/transforms.h"
+#include "shell/errors.h"
+#include "shell/main.h"
+#include "support/test_home.h"
+
+extern char** environ;
+
+namespace norvanta {
+namespace {
+
+[[maybe_unused]] const auto* const private_home = testing::use_private_home_for_this_process();
+
+namespace fs = std::filesystem;
+
+const std::string basic_tables = NORVANTA_TEST_DATA_DIR "/geodesy/basic/";
+constexpr double seconds_per_radian = 206264.80624709636;
+
+const char* const table_names[] = {"ellipsoi.txt", "ellipsil.txt", "pmeridian.txt", "pmeridil.txt",
+                                   "datum.txt",    "datumil.txt",  "gcentric.txt",  "gcentril.txt",
+                                   "cartproj.txt", "cartpril.txt"};
+
+void register_once() {
+    static const bool done = [] {
+        object_store_create();
+        geodesy_register_types();
+        transforms_register_types();
+        return true;
+    }();
+    (void)done;
+}
+
+template <class T>
+const T* record(ObjectId id) {
+    return find_obj_adr<T>(id);
+}
+
+ObjectId datum(int32_t code) {
+    return find_by_code(ObjectType::Datum, code);
+}
+
+// Each test starts from the hand-made tables, loaded afresh: find_shift and
+// the inverses add records that another test must not see.
+class Dictionary : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        register_once();
+        set_gblerr(ErrorCode::none);
+        geodesy_load_from(basic_tables.c_str());
+        ASSERT_FALSE(error_pending()) << "the fixture loads, code " << gblerr.load();
+        geodesy_find_wgs84();
+    }
+    void TearDown() override {
+        set_gblerr(ErrorCode::none);
+        geodesy_unload();
+    }
+};
+
+TEST(Units, FactorsAgreeWithTheirDefinitions) {
+    struct Row {
+        const char* description;
+        double factor;
+        double expected;
+    };
+    const double pi = std::numbers::pi;
+    const Row rows[] = {
+        {"degree", angle_units[1].factor, 180.0 / pi},
+        {"grad", angle_units[3].factor, 200.0 / pi},
+        {"second", angle_units[4].factor, 648000.0 / pi},
+        {"minute", angle_units[5].factor, 10800.0 / pi},
+        {"degree minute second counts seconds", angle_units[2].factor, 648000.0 / pi},
+        {"mil6400", angle_units[10].factor, 3200.0 / pi},
+        {"centesimal second", angle_units[9].factor, 2000000.0 / pi},
+        {"US survey foot", length_units[6].factor, 1200.0 / 3937.0},
+        {"US survey mile", length_units[19].factor, 5280.0 * 1200.0 / 3937.0},
+        {"statute mile", length_units[44].factor, 1609.344},
+        {"the last length unit is never valid", length_units[47].factor, 0.0},
+    };
+    for (const Row& row : rows)
+        EXPECT_NEAR(row.factor, row.expected, 1e-12 * std::fabs(row.expected)) << row.description;
+    EXPECT_STREQ(angle_units[1].french, "Degré");
+    EXPECT_EQ(angle_units[11].english, nullptr) << "row 11 has no label";
+    EXPECT_EQ(length_units[23].english, nullptr) << "rows from 23 on have no label";
+}
+
+TEST_F(Dictionary, EllipsoidRowsFollowTheFlatteningRule) {
+    const Ellipsoid* axes = record<Ellipsoid>(find_by_code(ObjectType::Ellipsoid, 7));
+    const Ellipsoid* both = record<Ellipsoid>(find_by_code(ObjectType::Ellipsoid, 8));
+    const Ellipsoid* kilometres = record<Ellipsoid>(find_by_code(ObjectType::Ellipsoid, 9));
+    ASSERT_TRUE(axes && both && kilometres);
+
+    const double a = 6378206.4;
+    const double b = 6356583.8;
+    EXPECT_EQ(axes->inverse_flattening, 0.0) << "given by axes";
+    EXPECT_EQ(axes->semi_minor, b);
+    EXPECT_NEAR(axes->eccentricity_squared, (a * a - b * b) / (a * a), 1e-15);
+
+    EXPECT_EQ(both->inverse_flattening, 297.0) << "the inverse flattening wins";
+    EXPECT_EQ(both->semi_minor, 0.0) << "and the semi-minor is stored as 0";
+    EXPECT_NEAR(both->eccentricity_squared, (2.0 * 297.0 - 1.0) / (297.0 * 297.0), 1e-15);
+
+    EXPECT_EQ(kilometres->semi_major, 6378137.0) << "axes are scaled to metres";
+    EXPECT_STREQ(kilometres->name, "GRS 1980 in kilometres");
+}
+
+TEST_F(Dictionary, RowsWithBadUnitsOrUnknownReferencesAreDropped) {
+    struct Row {
+        const char* description;
+        ObjectType type;
+        int32_t code;
+        bool present;
+    };
+    const Row rows[] = {
+        {"ellipsoid in unit 47", ObjectType::Ellipsoid, 47, false},
+        {"datum on the dropped ellipsoid", ObjectType::Datum, 13, false},
+        {"meridian in angle unit 12", ObjectType::PrimeMeridian, 5, false},
+        {"datum in angle unit 12", ObjectType::Datum, 15, false},
+        {"datum on an unknown meridian", ObjectType::Datum, 16, false},
+        {"shift from an unknown datum", ObjectType::DatumShift, 4, false},
+        {"shift of method 5", ObjectType::DatumShift, 5, false},
+        {"shift in length unit 47", ObjectType::DatumShift, 6, false},
+        {"seven parameters in angle unit 12", ObjectType::DatumShift, 7, false},
+        {"projection of method 99", ObjectType::ProjectedSystem, 2, false},
+        {"projection on an unknown datum", ObjectType::ProjectedSystem, 3, false},
+        {"a good datum", ObjectType::Datum, 14, true},
+        {"the meridian shift", ObjectType::DatumShift, 3, true},
+        {"the ten-parameter shift", ObjectType::DatumShift, 12, true},
+        {"a good projection", ObjectType::ProjectedSystem, 1, true},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(find_by_code(row.type, row.code) != 0, row.present) << row.description;
+    EXPECT_EQ(next_code(ObjectType::Ellipsoid), 35) << "highest code in use plus 1";
+    EXPECT_EQ(next_code(ObjectType::NameAlias), 0) << "not a type with codes";
+}
+
+TEST_F(Dictionary, ShiftRowsAreBroughtToMetresAndRadians) {
+    const DatumShift* seven = record<DatumShift>(find_by_code(ObjectType::DatumShift, 2));
+    const DatumShift* ten = record<DatumShift>(find_by_code(ObjectType::DatumShift, 12));
+    const DatumShift* meridian = record<DatumShift>(find_by_code(ObjectType::DatumShift, 3));
+    ASSERT_TRUE(seven && ten && meridian);
+
+    EXPECT_EQ(seven->op, 9);
+    EXPECT_EQ(seven->cost, 30);
+    EXPECT_EQ(seven->source, datum(11));
+    EXPECT_EQ(seven->target, datum(214));
+    EXPECT_DOUBLE_EQ(seven->rotation_z, 0.3 / seconds_per_radian) << "seconds of arc";
+    EXPECT_DOUBLE_EQ(seven->scale, 1.5e-6) << "scale flag 2 is parts per million";
+
+    EXPECT_EQ(ten->op, 10);
+    EXPECT_DOUBLE_EQ(ten->translation_y, 2 * 0.3048) << "feet";
+    EXPECT_DOUBLE_EQ(ten->rotation_x, 4.0) << "radians";
+    EXPECT_DOUBLE_EQ(ten->scale, 7.0) << "no flag, a plain ratio";
+    EXPECT_DOUBLE_EQ(ten->pivot_z, 300 * 0.3048);
+
+    EXPECT_EQ(meridian->op, 7);
+    EXPECT_NEAR(meridian->translation_x, 2.5969213 / angle_units[3].factor, 1e-15)
+        << "Paris minus Greenwich";
+    EXPECT_EQ(meridian->length_unit, 3) << "the source datum's angle unit";
+    EXPECT_EQ(meridian->to_angle_unit, 1) << "the target datum's angle unit";
+
+    const Datum* gamma = record<Datum>(datum(12));
+    ASSERT_TRUE(gamma);
+    EXPECT_EQ(gamma->prime_meridian, find_by_code(ObjectType::PrimeMeridian, 3));
+    EXPECT_NEAR(gamma->prime_meridian_longitude, 2.5969213 / angle_units[3].factor, 1e-15);
+    EXPECT_EQ(gamma->ellipsoid_record, record<Ellipsoid>(gamma->ellipsoid));
+}
+
+TEST_F(Dictionary, AliasesResolveOnlyUnderTheirSchemeAndKind) {
+    struct Row {
+        const char* description;
+        ObjectType type;
+        int32_t scheme;
+        const char* text;
+        ObjectId expected;
+    };
+    const Row rows[] = {
+        {"datum under NMEA", ObjectType::Datum, 4, "WGS 84", datum(214)},
+        {"same text, the ellipsoid", ObjectType::Ellipsoid, 4, "WGS 84",
+         find_by_code(ObjectType::Ellipsoid, 34)},
+        {"a number under TrackMaker", ObjectType::Datum, 5, "11", datum(11)},
+        {"a text of another scheme", ObjectType::Datum, 4, "Beta by Ozi", 0},
+        {"the same text under its scheme", ObjectType::Datum, 6, "Beta by Ozi", datum(11)},
+        {"no such text", ObjectType::Datum, 4, "Nowhere", 0},
+        {"a prefix is not the text", ObjectType::Datum, 4, "WGS", 0},
+        {"a null text", ObjectType::Datum, 4, nullptr, 0},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(find_alias(row.type, row.scheme, row.text), row.expected) << row.description;
+
+    EXPECT_STREQ(get_alias(ObjectType::Datum, 6, 11), "Beta by Ozi");
+    EXPECT_STREQ(get_alias(ObjectType::PrimeMeridian, 1, 3), "8903");
+    EXPECT_EQ(get_alias(ObjectType::Datum, 5, 10), nullptr) << "no row of that scheme";
+}
+
+TEST_F(Dictionary, EllipsoidAndMeridianLookUps) {
+    const double a = 6378206.4;
+    const double by_axes = a / (a - 6356583.8);
+    struct Row {
+        const char* description;
+        double semi_major;
+        double inverse_flattening;
+        int32_t expected_code; // 0: none
+    };
+    const Row rows[] = {
+        {"given by axes", a, by_axes, 7},
+        {"WGS 84", 6378137.0, 298.257223563, 34},
+        {"the second of two equal axes", 6378137.0, 298.257222101, 9},
+        {"flattening off by 2e-6", 6378137.0, 298.257223563 + 2e-6, 0},
+        {"an axis that is not an exact key", 6378137.0005, 298.257223563, 0},
+    };
+    for (const Row& row : rows) {
+        ObjectId expected =
+            row.expected_code ? find_by_code(ObjectType::Ellipsoid, row.expected_code) : 0;
+        EXPECT_EQ(find_ellipsoid(row.semi_major, row.inverse_flattening), expected)
+            << row.description;
+    }
+    EXPECT_EQ(find_meridian(2.5969213, 3), find_by_code(ObjectType::PrimeMeridian, 3));
+    EXPECT_EQ(find_meridian(0.0, 1), find_by_code(ObjectType::PrimeMeridian, 1));
+    EXPECT_EQ(find_meridian(2.59692, 3), 0);
+}
+
+TEST_F(Dictionary, ShiftEqualsIsStrictWithinEachTolerance) {
+    ObjectId translation = find_by_code(ObjectType::DatumShift, 1);
+    ObjectId seven = find_by_code(ObjectType::DatumShift, 2);
+    ObjectId ten = find_by_code(ObjectType::DatumShift, 12);
+    struct Row {
+        const char* description;
+        ObjectId shift;
+        double parameters[10];
+        int32_t length_unit;
+        int32_t angle_unit;
+        int invert;
+        bool expected;
+    };
+    const Row rows[] = {
+        {"exact", translation, {-8, 160, 176}, 0, 4, 0, true},
+        {"translation within 1e-6", translation, {-8 + 0.9e-6, 160, 176}, 0, 4, 0, true},
+        {"translation off by 1.1e-6", translation, {-8 + 1.1e-6, 160, 176}, 0, 4, 0, false},
+        {"inverted", translation, {8, -160, -176}, 0, 4, 1, true},
+        {"in feet", translation, {-8 / 0.3048, 160 / 0.3048, 176 / 0.3048}, 1, 4, 0, true},
+        {"rotation within 1e-7 rad",
+         seven,
+         {-87, -98, -121, 0.1, 0.2, 0.32, 1.5e-6},
+         0,
+         4,
+         0,
+         true},
+        {"rotation off by 0.021\"",
+         seven,
+         {-87, -98, -121, 0.1, 0.2, 0.321, 1.5e-6},
+         0,
+         4,
+         0,
+         false},
+        {"scale within 1e-14",
+         seven,
+         {-87, -98, -121, 0.1, 0.2, 0.3, 1.5e-6 + 0.9e-14},
+         0,
+         4,
+         0,
+         true},
+        {"scale off by 2e-14",
+         seven,
+         {-87, -98, -121, 0.1, 0.2, 0.3, 1.5e-6 + 2e-14},
+         0,
+         4,
+         0,
+         false},
+        {"pivot within 1 cm", ten, {1, 2, 3, 4, 5, 6, 7, 100.03, 200, 300}, 1, 0, 0, true},
+        {"pivot off by 1.2 cm", ten, {1, 2, 3, 4, 5, 6, 7, 100.04, 200, 300}, 1, 0, 0, false},
+    };
+    for (const Row& row : rows) {
+        EXPECT_EQ(
+            shift_equals(row.shift, row.parameters, row.length_unit, row.angle_unit, row.invert),
+            row.expected)
+            << row.description;
+    }
+}
+
+TEST_F(Dictionary, FindDatumComparesShiftsToWgs84InEitherDirection) {
+    ObjectId greenwich = find_by_code(ObjectType::PrimeMeridian, 1);
+    ObjectId clarke = find_by_code(ObjectType::Ellipsoid, 7);
+    ObjectId international = find_by_code(ObjectType::Ellipsoid, 8);
+    const double alpha[3] = {-8, 160, 176};
+    const double beta[7] = {-87, -98, -121, 0.1, 0.2, 0.3, 1.5e-6};
+    const double nowhere[3] = {1, 2, 3};
+    EXPECT_EQ(find_datum(clarke, greenwich, 3, alpha), datum(10));
+    EXPECT_EQ(find_datum(international, greenwich, 7, beta), datum(11));
+    EXPECT_EQ(find_datum(international, greenwich, 3, beta), 0) << "rotations count as zero";
+    EXPECT_EQ(find_datum(clarke, greenwich, 3, nowhere), 0);
+    EXPECT_EQ(find_datum(clarke, find_by_code(ObjectType::PrimeMeridian, 3), 3, alpha), 0)
+        << "another meridian";
+
+    // A shift given from WGS 84 to the datum is compared through its inverse.
+    const double from_wgs84[3] = {-10, -20, -30};
+    EXPECT_EQ(find_datum(clarke, greenwich, 3, from_wgs84), datum(23));
+    const double reversed[10] = {8, -160, -176};
+    ObjectId shift = find_by_code(ObjectType::DatumShift, 1);
+    ObjectId inverse = shift_inverse(shift);
+    ASSERT_NE(inverse, 0);
+    EXPECT_TRUE(shift_equals(inverse, reversed, 0, 4, 0));
+}
+
+TEST_F(Dictionary, InverseShiftsNegateAndAreMadeOnce) {
+    ObjectId seven_id = find_by_code(ObjectType::DatumShift, 2);
+    int32_t code = next_code(ObjectType::DatumShift);
+    ObjectId inverse_id = shift_inverse(seven_id);
+    const DatumShift* seven = record<DatumShift>(seven_id);
+    const DatumShift* inverse = record<DatumShift>(inverse_id);
+    ASSERT_TRUE(seven && inverse);
+    EXPECT_EQ(inverse->code, code) << "the next free code";
+    EXPECT_EQ(inverse->op, seven->op);
+    EXPECT_EQ(inverse->cost, seven->cost);
+    EXPECT_EQ(inverse->source, seven->target);
+    EXPECT_EQ(inverse->target, seven->source);
+    EXPECT_EQ(inverse->translation_x, -seven->translation_x);
+    EXPECT_EQ(inverse->rotation_y, -seven->rotation_y);
+    EXPECT_EQ(inverse->scale, -seven->scale);
+    EXPECT_EQ(seven->inverse, inverse_id);
+    EXPECT_EQ(inverse->inverse, seven_id);
+    EXPECT_EQ(shift_inverse(seven_id), inverse_id) << "remembered";
+    EXPECT_EQ(shift_inverse(inverse_id), seven_id) << "at both ends";
+
+    const DatumShift* ten =
+        record<DatumShift>(shift_inverse(find_by_code(ObjectType::DatumShift, 12)));
+    ASSERT_TRUE(ten);
+    EXPECT_EQ(ten->pivot_x, 0.0) << "the pivot stays 0 on the inverse";
+
+    const DatumShift* meridian =
+        record<DatumShift>(shift_inverse(find_by_code(ObjectType::DatumShift, 3)));
+    ASSERT_TRUE(meridian);
+    EXPECT_NEAR(meridian->translation_x, -2.5969213 / angle_units[3].factor, 1e-15);
+    EXPECT_EQ(meridian->length_unit, 1) << "units exchanged";
+    EXPECT_EQ(meridian->to_angle_unit, 3);
+    EXPECT_EQ(find_shift(datum(11), datum(12), nullptr, nullptr), true)
+        << "the inverse joined the indexes";
+}
+
+TEST_F(Dictionary, FindShiftOneStepTakesTheShiftOrItsInverse) {
+    ObjectId shift = 0;
+    int32_t cost = -7;
+    ASSERT_TRUE(find_shift(datum(10), datum(214), &shift, &cost));
+    EXPECT_EQ(shift, find_by_code(ObjectType::DatumShift, 1));
+    EXPECT_EQ(cost, -7) << "one step does not write the cost";
+
+    ASSERT_TRUE(find_shift(datum(214), datum(10), &shift, &cost));
+    EXPECT_EQ(shift, shift_inverse(find_by_code(ObjectType::DatumShift, 1)));
+}
+
+TEST_F(Dictionary, FindShiftComposesThroughWgs84BySummingParameters) {
+    const int32_t codes_before = next_code(ObjectType::DatumShift);
+    EXPECT_TRUE(find_shift(datum(10), datum(11), nullptr, nullptr)) << "existence test";
+    EXPECT_EQ(next_code(ObjectType::DatumShift), codes_before) << "which makes nothing";
+
+    ObjectId shift = 0;
+    int32_t cost = 0;
+    ASSERT_TRUE(find_shift(datum(10), datum(11), &shift, &cost));
+    const DatumShift* composite = record<DatumShift>(shift);
+    ASSERT_TRUE(composite);
+    EXPECT_EQ(composite->op, 9) << "the larger of translation and seven parameters";
+    EXPECT_EQ(cost, 20 + 30 - 1);
+    EXPECT_EQ(composite->cost, cost);
+    EXPECT_EQ(composite->source, datum(10));
+    EXPECT_EQ(composite->target, datum(11));
+    EXPECT_DOUBLE_EQ(composite->translation_x, -8 + 87);
+    EXPECT_DOUBLE_EQ(composite->translation_z, 176 + 121);
+    EXPECT_DOUBLE_EQ(composite->rotation_y, -0.2 / seconds_per_radian);
+    EXPECT_DOUBLE_EQ(composite->scale, -1.5e-6);
+
+    ObjectId again = 0;
+    int32_t second_cost = -7;
+    ASSERT_TRUE(find_shift(datum(10), datum(11), &again, &second_cost));
+    EXPECT_EQ(again, shift) << "cheaper by one, the composite is the next search's one step";
+}
+
+TEST_F(Dictionary, FindShiftTieGoesToTheHighestCode) {
+    // Fork reaches WGS 84 through Left (code 20) or Right (code 21) at equal cost;
+    // Right is closed first and keeps Fork.
+    ObjectId shift = 0;
+    int32_t cost = 0;
+    ASSERT_TRUE(find_shift(datum(22), datum(214), &shift, &cost));
+    const DatumShift* composite = record<DatumShift>(shift);
+    ASSERT_TRUE(composite);
+    EXPECT_DOUBLE_EQ(composite->translation_x, 0.0);
+    EXPECT_DOUBLE_EQ(composite->translation_y, 1.0);
+    EXPECT_DOUBLE_EQ(composite->translation_z, 2.0);
+    EXPECT_EQ(cost, 19);
+    EXPECT_EQ(composite->op, 8);
+}
+
+TEST_F(Dictionary, FindShiftFailsWithoutAChain) {
+    struct Row {
+        const char* description;
+        ObjectId from;
+        ObjectId to;
+    };
+    const Row rows[] = {
+        {"a datum with no shift", datum(14), datum(214)},
+        {"towards it", datum(214), datum(14)},
+        {"a null datum", 0, datum(214)},
+        {"not a datum", 123456, datum(214)},
+    };
+    for (const Row& row : rows) {
+        ObjectId shift = 99;
+        EXPECT_FALSE(find_shift(row.from, row.to, &shift, nullptr)) << row.description;
+        EXPECT_FALSE(find_shift(row.from, row.to, nullptr, nullptr)) << row.description;
+    }
+    EXPECT_FALSE(error_pending());
+}
+
+TEST_F(Dictionary, GeoReferencesTakeAndFixTheirUnits) {
+    ObjectId reference_id = 0;
+    make_default_georeference(reference_id);
+    const GeoReference* reference = record<GeoReference>(reference_id);
+    ASSERT_TRUE(reference);
+    EXPECT_EQ(reference->kind, 1);
+    EXPECT_EQ(reference->datum, wgs84_datum);
+    EXPECT_EQ(reference->unit, 1) << "from the Datum";
+    georeference_fix_units(reference_id);
+    EXPECT_EQ(reference->pre_transform, 0) << "units agree: nothing to do";
+
+    // Stored in degrees on a datum kept in grads.
+    GeoReference* in_degrees = cre_obj<GeoReference>(&reference_id);
+    ASSERT_TRUE(in_degrees);
+    in_degrees->kind = 1;
+    in_degrees->datum = datum(12);
+    in_degrees->unit = 1;
+    georeference_fix_units(reference_id);
+    EXPECT_EQ(in_degrees->unit, 3);
+    EXPECT_EQ(in_degrees->pre_op, 2);
+    const ScaleRecord* scale = record<ScaleRecord>(in_degrees->pre_transform);
+    ASSERT_TRUE(scale);
+    EXPECT_DOUBLE_EQ(scale->factor_x, 200.0 / 180.0) << "90 degrees are 100 grads";
+    EXPECT_DOUBLE_EQ(scale->factor_y, 200.0 / 180.0);
+    EXPECT_EQ(scale->factor_z, 1.0);
+
+    // Stored in feet on a system in metres.
+    GeoReference* in_feet = cre_obj<GeoReference>(&reference_id);
+    ASSERT_TRUE(in_feet);
+    in_feet->kind = 2;
+    in_feet->projected = find_by_code(ObjectType::ProjectedSystem, 1);
+    in_feet->unit = 1;
+    georeference_fix_units(reference_id);
+    EXPECT_EQ(in_feet->unit, 0);
+    scale = record<ScaleRecord>(in_feet->pre_transform);
+    ASSERT_TRUE(scale);
+    EXPECT_DOUBLE_EQ(scale->factor_x, 0.3048);
+
+    GeoReference* lost = cre_obj<GeoReference>(&reference_id);
+    ASSERT_TRUE(lost);
+    lost->kind = 1;
+    lost->unit = 4;
+    georeference_fix_units(reference_id);
+    EXPECT_EQ(current_error(), ErrorCode::geographic) << "no Datum";
+}
+
+TEST_F(Dictionary, CustomDatumsAreFoundOrMadeOnce) {
+    const double a = 6378206.4;
+    const double clarke[2] = {a, a / (a - 6356583.8)};
+    const double alpha_shift[3] = {-8, 160, 176};
+    ObjectId found = 0;
+    make_custom_datum(clarke, alpha_shift, found);
+    EXPECT_EQ(found, datum(10)) << "an existing datum is found";
+
+    const double odd[2] = {6378000.0, 299.0};
+    const double odd_shift[3] = {5, 6, 7};
+    const int32_t ellipsoid_code = next_code(ObjectType::Ellipsoid);
+    ObjectId made = 0;
+    make_custom_datum(odd, odd_shift, made);
+    const Datum* custom = record<Datum>(made);
+    ASSERT_TRUE(custom);
+    EXPECT_STREQ(custom->name, "GTM custom datum");
+    EXPECT_EQ(custom->angle_unit, 1);
+    EXPECT_EQ(custom->code, 215);
+    const Ellipsoid* ellipsoid = record<Ellipsoid>(custom->ellipsoid);
+    ASSERT_TRUE(ellipsoid);
+    EXPECT_STREQ(ellipsoid->name, "GTM custom ellipsoid");
+    EXPECT_EQ(ellipsoid->code, ellipsoid_code);
+    EXPECT_DOUBLE_EQ(ellipsoid->eccentricity_squared, (2.0 * 299.0 - 1.0) / (299.0 * 299.0));
+
+    ObjectId shift = 0;
+    ASSERT_TRUE(find_shift(made, wgs84_datum, &shift, nullptr));
+    const DatumShift* link = record<DatumShift>(shift);
+    ASSERT_TRUE(link);
+    EXPECT_EQ(link->op, 8);
+    EXPECT_EQ(link->cost, 60);
+    EXPECT_EQ(link->translation_y, 6.0);
+
+    ObjectId again = 0;
+    make_custom_datum(odd, odd_shift, again);
+    EXPECT_EQ(again, made) << "the second file finds the first one's datum";
+}
+
+// ---- reading errors ----
+
+// A copy of the hand-made tables in which one file is changed or missing.
+class BrokenTables : public ::testing::Test {
+  protected:
+    void SetUp() override { register_once(); }
+    void TearDown() override {
+        set_gblerr(ErrorCode::none);
+        geodesy_unload();
+    }
+};
+
+TEST_F(BrokenTables, AMissingFileOrABadRowEndsTheLoad) {
+    struct Row {
+        const char* description;
+        const char* file;
+        bool missing;
+        std::string content;
+        ErrorCode expected;
+        bool datums_read; // the load reached datum.txt and took its rows
+        bool shifts_read;
+    };
+    const std::string long_name(300, 'n');
+    const Row rows[] = {
+        {"missing ellipsoids", "ellipsoi.txt", true, "", ErrorCode::file_access, false, false},
+        {"missing datum aliases", "datumil.txt", true, "", ErrorCode::file_access, true, false},
+        {"missing last alias file", "cartpril.txt", true, "", ErrorCode::file_access, true, true},
+        {"a short datum row after a good one", "datum.txt", false,
+         "214;WGS 84;34;1;1;0\n99;Short;34;1\n", ErrorCode::invalid_file, true, false},
+        {"letters for a number", "gcentric.txt", false,
+         "1;10;214;three;-8;160;176;0;0;0;0;0;0;0;0;4;0;20;0;0\n", ErrorCode::invalid_file, true,
+         false},
+        {"an empty shift file", "gcentric.txt", false, "", ErrorCode::invalid_file, true, false},
+        {"an alias file of blank lines", "gcentril.txt", false, "\n\n", ErrorCode::invalid_file,
+         true, true},
+        {"a name over 255 bytes", "datum.txt", false,
+         "214;WGS 84;34;1;1;0\n1;" + long_name + ";34;1;1;0\n", ErrorCode::invalid_file, true,
+         false},
+        {"blank lines and no final line feed are harmless", "datumil.txt", false,
+         "\n4;WGS 84;214\n\n  \n6;WGS 84;214", ErrorCode::none, true, true},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.description);
+        testing::TestHome copy;
+        for (const char* name : table_names)
+            fs::copy_file(basic_tables + name, copy.file(name));
+        if (row.missing) {
+            fs::remove(copy.file(row.file));
+        } else {
+            testing::write_file(copy.file(row.file), row.content);
+        }
+        set_gblerr(ErrorCode::none);
+        geodesy_load_from(copy.path().c_str());
+        EXPECT_EQ(current_error(), row.expected);
+        set_gblerr(ErrorCode::none);
+        EXPECT_EQ(find_by_code(ObjectType::Datum, 214) != 0, row.datums_read);
+        EXPECT_EQ(find_by_code(ObjectType::DatumShift, 1) != 0, row.shifts_read);
+        geodesy_unload();
+    }
+}
+
+// ---- the system's own tables ----
+
+TEST(SystemTables, LoadWithTheCodesOthersRelyOn) {
+    register_once();
+    set_gblerr(ErrorCode::none);
+    geodesy_load_from(NORVANTA_SYSTEM_SOURCE_DIR "/");
+    ASSERT_FALSE(error_pending()) << "code " << gblerr.load();
+    geodesy_find_wgs84();
+
+    const Ellipsoid* wgs84_ellipsoid = record<Ellipsoid>(find_by_code(ObjectType::Ellipsoid, 34));
+    const PrimeMeridian* greenwich =
+        record<PrimeMeridian>(find_by_code(ObjectType::PrimeMeridian, 1));
+    const Datum* wgs84 = record<Datum>(wgs84_datum);
+    ASSERT_TRUE(wgs84_ellipsoid && greenwich && wgs84);
+    EXPECT_EQ(wgs84_ellipsoid->semi_major, 6378137.0);
+    EXPECT_EQ(wgs84_ellipsoid->inverse_flattening, 298.257223563);
+    EXPECT_EQ(greenwich->longitude, 0.0);
+    EXPECT_EQ(wgs84->code, 214);
+    EXPECT_EQ(wgs84->ellipsoid_record, wgs84_ellipsoid);
+    EXPECT_EQ(find_alias(ObjectType::Datum, alias_scheme_nmea, "WGS 84"), wgs84_datum);
+
+    // Every datum that has a shift reaches WGS 84.
+    int with_shift = 0;
+    ObjectId shift_id = 0;
+    void* address = nullptr;
+    while (next_obj(ObjectType::DatumShift, shift_id, &address) && shift_id != 0) {
+        const auto* shift = static_cast<const DatumShift*>(address);
+        for (ObjectId end : {shift->source, shift->target}) {
+            if (end == wgs84_datum) continue;
+            ++with_shift;
+            const Datum* named = record<Datum>(end);
+            EXPECT_TRUE(find_shift(end, wgs84_datum, nullptr, nullptr))
+                << (named && named->name ? named->name : "?");
+        }
+    }
+    EXPECT_GT(with_shift, 100) << "the tables cover the reference's datums";
+    EXPECT_FALSE(error_pending());
+    geodesy_unload();
+}
+
+// ---- start-up without the tables ----
+
+constexpr auto process_deadline = std::chrono::seconds(30);
+constexpr auto poll_interval = std::chrono::milliseconds(10);
+
+TEST(StartUp, AMissingTableStopsStartUpWithTheFrenchBox) {
+    // The program runs from a directory of its own whose system/ lacks one table.
+    testing::TestHome place;
+    testing::TestHome home;
+    const std::string program = place.file("norvanta-cli");
+    fs::copy_file(NORVANTA_CLI_PATH, program);
+    fs::permissions(program, fs::perms::owner_all);
+    fs::create_directory(place.file("system"));
+    for (const auto& entry : fs::directory_iterator(NORVANTA_SYSTEM_SOURCE_DIR)) {
+        const std::string name = entry.path().filename().string();
+        if (name.ends_with(".txt") && name != "ellipsoi.txt")
+            fs::copy_file(entry.path(), place.file("system/" + name));
+    }
+    testing::write_file(home.file("norvanta.cfg"), "LOGERROR\n");
+
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, home.file("stdout.txt").c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, home.file("stderr.txt").c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const std::string home_variable = "NORVANTA_HOME=" + home.path();
+    std::vector<char*> environment;
+    for (char** variable = environ; *variable; ++variable) {
+        if (!std::string(*variable).starts_with("NORVANTA_HOME=")) environment.push_back(*variable);
+    }
+    environment.push_back(const_cast<char*>(home_variable.c_str()));
+    environment.push_back(nullptr);
+    std::string argument0 = program;
+    char* argv[] = {argument0.data(), nullptr};
+    pid_t pid = -1;
+    ASSERT_EQ(posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, environment.data()), 0);
+    posix_spawn_file_actions_destroy(&actions);
+
+    int raw = 0;
+    const auto deadline = std::chrono::steady_clock::now() + process_deadline;
+    while (waitpid(pid, &raw, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &raw, 0);
+            FAIL() << "start-up went on without its tables";
+        }
+        std::this_thread::sleep_for(poll_interval);
+    }
+    ASSERT_TRUE(WIFEXITED(raw));
+    EXPECT_EQ(WEXITSTATUS(raw), fatal_init_status);
+    const std::string err = testing::read_file(home.file("stderr.txt"));
+    EXPECT_NE(err.find("Erreur lors de l'initialisation"), std::string::npos) << err;
+
+    std::string log;
+    for (const auto& entry : fs::directory_iterator(home.file("logs")))
+        log += testing::read_file(entry.path().string());
+    EXPECT_NE(log.find("\nErreur d'init : 2\n"), std::string::npos) << log;
+    EXPECT_NE(log.find("ellipsoi.txt"), std::string::npos) << "the log names the table\n" << log;
+}
+
+} // namespace
+} // namespace norvanta
