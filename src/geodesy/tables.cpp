@@ -185,8 +185,11 @@ std::FILE* open_table(const char* directory, const char* file_name) {
     if (!file) {
         set_gblerr(ErrorCode::file_access);
         char text[log_message_capacity];
-        std::snprintf(text, sizeof text, "Table geodesique absente : %s", path.c_str());
+        std::snprintf(text, sizeof text,
+                      localized("Table geodesique absente : %s", "Geodesy table missing: %s"),
+                      path.c_str());
         log_and_keep_error(text);
+        note_start_failure(text);
     }
     return file;
 }
@@ -209,9 +212,12 @@ bool read_table(const char* directory, const char* file_name, int field_count, S
             std::fclose(file);
             set_gblerr(ErrorCode::invalid_file);
             char text[log_message_capacity];
-            std::snprintf(text, sizeof text, "Table geodesique invalide : %s, ligne %d", file_name,
-                          row);
+            std::snprintf(text, sizeof text,
+                          localized("Table geodesique invalide : %s%s, ligne %d",
+                                    "Invalid geodesy table: %s%s, line %d"),
+                          directory ? directory : "", file_name, row);
             log_and_keep_error(text);
+            note_start_failure(text);
             return false;
         }
         take();

@@ -10,6 +10,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 
 #include "platform/ui.h"
@@ -149,6 +150,23 @@ ErrorHold::~ErrorHold() {
 void log_and_keep_error(const char* text) {
     ErrorHold hold;
     log_entry(text);
+}
+
+namespace {
+// Written and read by the thread that starts the program, before any other
+// thread of its own runs; the lock keeps a late writer sound all the same.
+std::mutex start_failure_mutex;
+std::string start_failure_text;
+} // namespace
+
+void note_start_failure(const char* text) {
+    std::lock_guard<std::mutex> lock(start_failure_mutex);
+    start_failure_text = or_empty(text);
+}
+
+const char* start_failure_note() {
+    std::lock_guard<std::mutex> lock(start_failure_mutex);
+    return start_failure_text.empty() ? nullptr : start_failure_text.c_str();
 }
 
 void log_set_path(const char* tag) {

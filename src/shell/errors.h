@@ -93,6 +93,12 @@ class ErrorHold {
 // found it; the common case of ErrorHold.
 void log_and_keep_error(const char* text);
 
+// What a module found wrong while the program comes up (a table missing, a
+// row it cannot read), kept for the start-up's failure path, which shows it
+// to the user beside its fixed box. The last note wins.
+void note_start_failure(const char* text);
+const char* start_failure_note(); // null when nothing was noted
+
 // The error log: LogDir "zz_" tag ".log", formed once at start-up.
 void log_set_path(const char* tag);
 const char* log_path();           // null until log_set_path has run

@@ -25,6 +25,7 @@
 #include "shell/julian.h"
 #include "shell/menu.h"
 #include "shell/window.h"
+#include "version.h"
 
 namespace norvanta {
 
@@ -170,8 +171,13 @@ int start_up(std::span<const char* const> tokens, CommandLineReport report) {
     return ui_run_loop();
 }
 
+// The box says only that the start failed; what failed, when a module said
+// so, goes to standard error as well, where a terminal user or a service's
+// journal sees it.
 void fatal_init_error() {
     ui_message_box(init_failure_text, init_failure_caption, ui_icon_hand);
+    if (const char* note = start_failure_note())
+        std::fprintf(stderr, "%s: %s\n", program_name, note);
     char text[log_text_capacity];
     std::snprintf(text, sizeof text, init_failure_log_format, static_cast<int>(current_error()));
     log_entry(text);

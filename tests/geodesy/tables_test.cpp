@@ -619,8 +619,17 @@ TEST(SystemTables, LoadWithTheCodesOthersRelyOn) {
 constexpr auto process_deadline = std::chrono::seconds(30);
 constexpr auto poll_interval = std::chrono::milliseconds(10);
 
-TEST(StartUp, AMissingTableStopsStartUpWithTheFrenchBox) {
-    // The program runs from a directory of its own whose system/ lacks one table.
+// The program runs from a directory of its own whose system/ holds the tables
+// as edited; returns its exit status, its standard error and its log.
+struct StartUpResult {
+    int status = -1;
+    std::string error_output;
+    std::string log;
+};
+
+StartUpResult start_with_tables(const char* missing_table, const char* broken_table,
+                                int broken_line) {
+    StartUpResult result;
     testing::TestHome place;
     testing::TestHome home;
     const std::string program = place.file("norvanta-cli");
@@ -629,29 +638,42 @@ TEST(StartUp, AMissingTableStopsStartUpWithTheFrenchBox) {
     fs::create_directory(place.file("system"));
     for (const auto& entry : fs::directory_iterator(NORVANTA_SYSTEM_SOURCE_DIR)) {
         const std::string name = entry.path().filename().string();
-        if (name.ends_with(".txt") && name != "ellipsoi.txt")
-            fs::copy_file(entry.path(), place.file("system/" + name));
+        if (!name.ends_with(".txt") || name == missing_table) continue;
+        std::string content = testing::read_file(entry.path().string());
+        if (name == broken_table) {
+            // The line becomes a row of too few fields.
+            std::size_t at = 0;
+            for (int line = 1; line < broken_line; ++line)
+                at = content.find('\n', at) + 1;
+            content.replace(at, content.find('\n', at) - at, "7;broken row");
+        }
+        testing::write_file(place.file("system/" + name), content);
     }
     testing::write_file(home.file("norvanta.cfg"), "LOGERROR\n");
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, home.file("stdout.txt").c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 2, home.file("stderr.txt").c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC, 0644);
     const std::string home_variable = "NORVANTA_HOME=" + home.path();
     std::vector<char*> environment;
     for (char** variable = environ; *variable; ++variable) {
-        if (!std::string(*variable).starts_with("NORVANTA_HOME=")) environment.push_back(*variable);
+        const std::string text(*variable);
+        if (!text.starts_with("NORVANTA_HOME=") && !text.starts_with("LANG=") &&
+            !text.starts_with("LC_"))
+            environment.push_back(*variable);
     }
     environment.push_back(const_cast<char*>(home_variable.c_str()));
     environment.push_back(nullptr);
     std::string argument0 = program;
     char* argv[] = {argument0.data(), nullptr};
     pid_t pid = -1;
-    ASSERT_EQ(posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, environment.data()), 0);
+    if (posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, environment.data()) != 0) {
+        ADD_FAILURE() << "cannot start " << program;
+        return result;
+    }
     posix_spawn_file_actions_destroy(&actions);
 
     int raw = 0;
@@ -660,20 +682,47 @@ TEST(StartUp, AMissingTableStopsStartUpWithTheFrenchBox) {
         if (std::chrono::steady_clock::now() > deadline) {
             kill(pid, SIGKILL);
             waitpid(pid, &raw, 0);
-            FAIL() << "start-up went on without its tables";
+            ADD_FAILURE() << "start-up went on without its tables";
+            return result;
         }
         std::this_thread::sleep_for(poll_interval);
     }
-    ASSERT_TRUE(WIFEXITED(raw));
-    EXPECT_EQ(WEXITSTATUS(raw), fatal_init_status);
-    const std::string err = testing::read_file(home.file("stderr.txt"));
-    EXPECT_NE(err.find("Erreur lors de l'initialisation"), std::string::npos) << err;
-
-    std::string log;
+    if (WIFEXITED(raw)) result.status = WEXITSTATUS(raw);
+    result.error_output = testing::read_file(home.file("stderr.txt"));
     for (const auto& entry : fs::directory_iterator(home.file("logs")))
-        log += testing::read_file(entry.path().string());
-    EXPECT_NE(log.find("\nErreur d'init : 2\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("ellipsoi.txt"), std::string::npos) << "the log names the table\n" << log;
+        result.log += testing::read_file(entry.path().string());
+    return result;
+}
+
+TEST(StartUp, ABadTableStopsStartUpNamingTheFileAndLine) {
+    struct Row {
+        const char* description;
+        const char* missing_table;
+        const char* broken_table;
+        int broken_line;
+        const char* log_code;
+        const char* named;
+    };
+    const Row rows[] = {
+        {"a missing table", "ellipsoi.txt", "", 0, "\nErreur d'init : 2\n",
+         "system/ellipsoi.txt"},
+        {"a row of too few fields", "", "datum.txt", 3, "\nErreur d'init : 14\n",
+         "datum.txt, line 3"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.description);
+        const StartUpResult result =
+            start_with_tables(row.missing_table, row.broken_table, row.broken_line);
+        EXPECT_EQ(result.status, fatal_init_status);
+        EXPECT_NE(result.error_output.find("Erreur lors de l'initialisation"), std::string::npos)
+            << result.error_output;
+        EXPECT_NE(result.error_output.find(row.named), std::string::npos)
+            << "standard error names what failed\n"
+            << result.error_output;
+        EXPECT_NE(result.log.find(row.log_code), std::string::npos) << result.log;
+        EXPECT_NE(result.log.find(row.named), std::string::npos) << "the log names what failed\n"
+                                                                 << result.log;
+    }
 }
 
 } // namespace
