@@ -152,6 +152,92 @@ bool sphere_mercator(double r, double longitude, double latitude, double& x, dou
     return false;
 }
 
+// Its inverse: grid (metres from the false origin) back to the sphere.
+void sphere_mercator_inverse(double r, double x, double y, double& longitude, double& latitude) {
+    longitude = x / r;
+    latitude = 2 * std::atan(std::exp(y / r)) - half_pi;
+}
+
+// A point of the sphere as a unit vector: x towards longitude 0 on the
+// equator, y towards longitude 90 degrees, z towards the north pole.
+struct SpherePoint {
+    double x;
+    double y;
+    double z;
+};
+
+SpherePoint sphere_point(double longitude, double latitude) {
+    return {std::cos(latitude) * std::cos(longitude), std::cos(latitude) * std::sin(longitude),
+            std::sin(latitude)};
+}
+
+// Turns the sphere in the plane of two of a point's coordinates, from a
+// towards b, by the angle of the given cosine and sine: the turn about the
+// third axis. The turn back is the same with the sine negated.
+void turn(double& a, double& b, double cos_angle, double sin_angle) {
+    const double turned_a = cos_angle * a - sin_angle * b;
+    const double turned_b = sin_angle * a + cos_angle * b;
+    a = turned_a;
+    b = turned_b;
+}
+
+// ---- Projection wrappers ----
+// A projection's core works in radians and metres; the wrapper is the
+// operation: it unpacks the ProjectedSystem, brings the point from the
+// Datum's angle unit or the system's length unit and gives the result back
+// in the other.
+
+using ProjectCore = void (*)(const ProjectedSystem& s, const EllipsoidShape& shape,
+                             double longitude, double latitude, double& x, double& y);
+using UnprojectCore = void (*)(const ProjectedSystem& s, const EllipsoidShape& shape, double x,
+                               double y, double& longitude, double& latitude);
+
+template <ProjectCore core>
+void project(void* object, double& x, double& y, double&) {
+    const auto& s = *static_cast<const ProjectedSystem*>(object);
+    double longitude = x;
+    double latitude = y;
+    take_geographic(s, longitude, latitude);
+    core(s, shape_of(s), longitude, latitude, x, y);
+    give_grid(s, x, y);
+}
+
+template <UnprojectCore core>
+void unproject(void* object, double& x, double& y, double&) {
+    const auto& s = *static_cast<const ProjectedSystem*>(object);
+    take_grid(s, x, y);
+    double longitude = 0;
+    double latitude = 0;
+    core(s, shape_of(s), x, y, longitude, latitude);
+    give_geographic(s, longitude, latitude);
+    x = longitude;
+    y = latitude;
+}
+
+// The projections of the Gauss sphere: their cores take and give lambda' and
+// chi, the sphere's longitude about a central meridian (the origin's but for
+// op 22) and its latitude.
+using SphereProjectCore = void (*)(const ProjectedSystem& s, double lambda, double chi, double& x,
+                                   double& y);
+using SphereUnprojectCore = void (*)(const ProjectedSystem& s, double x, double y, double& lambda,
+                                     double& chi);
+
+template <SphereProjectCore core,
+          double ProjectedSystem::*center = &ProjectedSystem::longitude_origin>
+void on_gauss_sphere(const ProjectedSystem& s, const EllipsoidShape& shape, double longitude,
+                     double latitude, double& x, double& y) {
+    gauss_step(s, shape, s.*center, longitude, latitude);
+    core(s, longitude, latitude, x, y);
+}
+
+template <SphereUnprojectCore core,
+          double ProjectedSystem::*center = &ProjectedSystem::longitude_origin>
+void from_gauss_sphere(const ProjectedSystem& s, const EllipsoidShape& shape, double x, double y,
+                       double& longitude, double& latitude) {
+    core(s, x, y, longitude, latitude);
+    gauss_step_inverse(s, shape, s.*center, longitude, latitude);
+}
+
 // ---- Transverse Mercator ----
 // extra1 a, extra2 A0, extra3 A2, derived3 A4, derived4 A6, derived1 e'2, derived2 M0.
 
@@ -185,17 +271,12 @@ void setup_transverse_mercator(ProjectedSystem& s, const EllipsoidShape& shape, 
 // M0 is added here and taken off in the inverse in the same sense, so that a
 // non-zero latitude of origin puts the northing 2 M0 away from the usual
 // grid. Kept on purpose: coordinates already written by the program follow it.
-void transverse_mercator_forward(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    double longitude = x;
-    double phi = y;
-    take_geographic(s, longitude, phi);
+void transverse_mercator_project(const ProjectedSystem& s, const EllipsoidShape& shape,
+                                 double longitude, double phi, double& x, double& y) {
     const double k0 = s.scale_factor;
     if (on_pole(phi)) {
         x = s.false_easting;
         y = k0 * meridian_arc(s, phi) + s.derived2 + s.false_northing;
-        give_grid(s, x, y);
         return;
     }
     const double lambda = longitude - s.longitude_origin;
@@ -215,13 +296,10 @@ void transverse_mercator_forward(void* object, double& x, double& y, double&) {
               n * t * c2 * c2 * c2 * (61 - 58 * t2 + t2 * t2 + 270 * eta2 - 330 * t2 * eta2) * l2 *
                   l2 * l2 / 720) +
         s.derived2 + s.false_northing;
-    give_grid(s, x, y);
 }
 
-void transverse_mercator_inverse(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    take_grid(s, x, y);
+void transverse_mercator_unproject(const ProjectedSystem& s, const EllipsoidShape& shape, double x,
+                                   double y, double& longitude, double& latitude) {
     const double k0 = s.scale_factor;
     const double d = (x - s.false_easting) / k0;
     const double m = (y - s.false_northing - s.derived2) / k0;
@@ -241,20 +319,19 @@ void transverse_mercator_inverse(void* object, double& x, double& y, double&) {
     const double eta2 = s.derived1 * c * c;
     const double d2 = d * d;
     const double n2 = n * n;
-    double longitude = d / (n * c) - (1 + 2 * t2 + eta2) * d * d2 / (6 * n * n2 * c) +
-                       (5 + 6 * eta2 + 28 * t2 + 8 * t2 * eta2 + 24 * t2 * t2) * d * d2 * d2 /
-                           (120 * n * n2 * n2 * c) +
-                       s.longitude_origin;
-    double latitude =
-        phi1 - (1 + eta2) * t * d2 / (2 * n2) +
-        (5 + 3 * t2 + 6 * eta2 - 6 * t2 * eta2 - 3 * eta2 * eta2 - 9 * t2 * eta2 * eta2) * t * d2 *
-            d2 / (24 * n2 * n2) -
-        (61 + 90 * t2 + 107 * eta2 + 45 * t2 * t2 - 162 * t2 * eta2 - 45 * t2 * t2 * eta2) * t *
-            d2 * d2 * d2 / (720 * n2 * n2 * n2);
-    give_geographic(s, longitude, latitude);
-    x = longitude;
-    y = latitude;
+    longitude = d / (n * c) - (1 + 2 * t2 + eta2) * d * d2 / (6 * n * n2 * c) +
+                (5 + 6 * eta2 + 28 * t2 + 8 * t2 * eta2 + 24 * t2 * t2) * d * d2 * d2 /
+                    (120 * n * n2 * n2 * c) +
+                s.longitude_origin;
+    latitude = phi1 - (1 + eta2) * t * d2 / (2 * n2) +
+               (5 + 3 * t2 + 6 * eta2 - 6 * t2 * eta2 - 3 * eta2 * eta2 - 9 * t2 * eta2 * eta2) *
+                   t * d2 * d2 / (24 * n2 * n2) -
+               (61 + 90 * t2 + 107 * eta2 + 45 * t2 * t2 - 162 * t2 * eta2 - 45 * t2 * t2 * eta2) *
+                   t * d2 * d2 * d2 / (720 * n2 * n2 * n2);
 }
+
+constexpr OpFunction transverse_mercator_forward = project<transverse_mercator_project>;
+constexpr OpFunction transverse_mercator_inverse = unproject<transverse_mercator_unproject>;
 
 // ---- Lambert Conformal Conic ----
 // derived2 n, derived3 rho0 + FN, derived4 F (the rho of T = 1).
@@ -289,12 +366,8 @@ void setup_lambert_one(ProjectedSystem& s, const EllipsoidShape& shape, int) {
     s.derived4 = std::pow(conformal_factor(shape, phi0), n) * rho;
 }
 
-void lambert_forward(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    double longitude = x;
-    double phi = y;
-    take_geographic(s, longitude, phi);
+void lambert_project(const ProjectedSystem& s, const EllipsoidShape& shape, double longitude,
+                     double phi, double& x, double& y) {
     const double n = s.derived2;
     if (on_pole(phi)) {
         x = s.false_easting;
@@ -305,29 +378,26 @@ void lambert_forward(void* object, double& x, double& y, double&) {
         x = s.false_easting + rho * std::sin(theta);
         y = s.derived3 - rho * std::cos(theta);
     }
-    give_grid(s, x, y);
 }
 
-void lambert_inverse(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    take_grid(s, x, y);
+void lambert_unproject(const ProjectedSystem& s, const EllipsoidShape& shape, double x, double y,
+                       double& longitude, double& latitude) {
     const double n = s.derived2;
     const double sign = n < 0 ? -1.0 : 1.0;
     const double dx = x - s.false_easting;
     const double dy = s.derived3 - y;
-    double longitude = 0;
-    double latitude = sign * half_pi;
+    longitude = 0;
+    latitude = sign * half_pi;
     if (std::fabs(dy) >= pole_tolerance) {
         const double rho = sign * std::hypot(dx, dy);
         const double theta = std::atan2(sign * dx, sign * dy);
         longitude = theta / n + s.longitude_origin;
         latitude = latitude_from_isometric(shape, std::log(s.derived4 / rho) / n);
     }
-    give_geographic(s, longitude, latitude);
-    x = longitude;
-    y = latitude;
 }
+
+constexpr OpFunction lambert_forward = project<lambert_project>;
+constexpr OpFunction lambert_inverse = unproject<lambert_unproject>;
 
 // ---- Polar Stereographic ----
 // derived2 the sign of the pole, derived4 the rho of T = 1.
@@ -351,12 +421,8 @@ void setup_polar_true_scale(ProjectedSystem& s, const EllipsoidShape& shape, int
     s.derived4 = m * conformal_factor(shape, s.derived2 * phic);
 }
 
-void polar_forward(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    double longitude = x;
-    double phi = y;
-    take_geographic(s, longitude, phi);
+void polar_project(const ProjectedSystem& s, const EllipsoidShape& shape, double longitude,
+                   double phi, double& x, double& y) {
     const double sign = s.derived2;
     if (on_pole(phi)) {
         x = s.false_easting;
@@ -367,27 +433,24 @@ void polar_forward(void* object, double& x, double& y, double&) {
         x = s.false_easting + rho * std::sin(lambda);
         y = s.false_northing - sign * rho * std::cos(lambda);
     }
-    give_grid(s, x, y);
 }
 
-void polar_inverse(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    take_grid(s, x, y);
+void polar_unproject(const ProjectedSystem& s, const EllipsoidShape& shape, double x, double y,
+                     double& longitude, double& latitude) {
     const double sign = s.derived2;
     const double dx = x - s.false_easting;
     const double dy = y - s.false_northing;
     const double rho = std::hypot(dx, dy);
-    double longitude = s.longitude_origin;
-    double latitude = sign * half_pi;
+    longitude = s.longitude_origin;
+    latitude = sign * half_pi;
     if (rho > 0) {
         longitude = std::atan2(dx, -sign * dy) + s.longitude_origin;
         latitude = sign * latitude_from_isometric(shape, std::log(s.derived4 / rho));
     }
-    give_geographic(s, longitude, latitude);
-    x = longitude;
-    y = latitude;
 }
+
+constexpr OpFunction polar_forward = project<polar_project>;
+constexpr OpFunction polar_inverse = unproject<polar_unproject>;
 
 // ---- Mercator ----
 // derived2 the radius of the grid, derived4 L at the latitude of origin. The
@@ -416,12 +479,8 @@ void setup_mercator_parallel(ProjectedSystem& s, const EllipsoidShape& shape, in
     setup_mercator(s, shape, unit, true);
 }
 
-void mercator_forward(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    double longitude = x;
-    double phi = y;
-    take_geographic(s, longitude, phi);
+void mercator_project(const ProjectedSystem& s, const EllipsoidShape& shape, double longitude,
+                      double phi, double& x, double& y) {
     if (on_pole(phi)) {
         x = s.false_easting;
         y = signed_huge(phi);
@@ -429,20 +488,16 @@ void mercator_forward(void* object, double& x, double& y, double&) {
         x = (longitude - s.longitude_origin) * s.derived2 + s.false_easting;
         y = (isometric_latitude(shape, phi) - s.derived4) * s.derived2 + s.false_northing;
     }
-    give_grid(s, x, y);
 }
 
-void mercator_inverse(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    take_grid(s, x, y);
-    double longitude = (x - s.false_easting) / s.derived2 + s.longitude_origin;
-    double latitude =
-        latitude_from_isometric(shape, (y - s.false_northing) / s.derived2 + s.derived4);
-    give_geographic(s, longitude, latitude);
-    x = longitude;
-    y = latitude;
+void mercator_unproject(const ProjectedSystem& s, const EllipsoidShape& shape, double x, double y,
+                        double& longitude, double& latitude) {
+    longitude = (x - s.false_easting) / s.derived2 + s.longitude_origin;
+    latitude = latitude_from_isometric(shape, (y - s.false_northing) / s.derived2 + s.derived4);
 }
+
+constexpr OpFunction mercator_forward = project<mercator_project>;
+constexpr OpFunction mercator_inverse = unproject<mercator_unproject>;
 
 // ---- Equirectangular ----
 // derived2 the parallel's radius, derived3 the meridian's; no false origin.
@@ -458,25 +513,20 @@ void setup_equirectangular_equator(ProjectedSystem& s, const EllipsoidShape& sha
     setup_equirectangular(s, shape, unit);
 }
 
-void equirectangular_forward(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    double longitude = x;
-    double phi = y;
-    take_geographic(s, longitude, phi);
+void equirectangular_project(const ProjectedSystem& s, const EllipsoidShape&, double longitude,
+                             double phi, double& x, double& y) {
     x = (longitude - s.longitude_origin) * s.derived2;
     y = phi * s.derived3;
-    give_grid(s, x, y);
 }
 
-void equirectangular_inverse(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    take_grid(s, x, y);
-    double longitude = x / s.derived2 + s.longitude_origin;
-    double latitude = y / s.derived3;
-    give_geographic(s, longitude, latitude);
-    x = longitude;
-    y = latitude;
+void equirectangular_unproject(const ProjectedSystem& s, const EllipsoidShape&, double x, double y,
+                               double& longitude, double& latitude) {
+    longitude = x / s.derived2 + s.longitude_origin;
+    latitude = y / s.derived3;
 }
+
+constexpr OpFunction equirectangular_forward = project<equirectangular_project>;
+constexpr OpFunction equirectangular_inverse = unproject<equirectangular_unproject>;
 
 // ---- Gauss sphere projections ----
 
@@ -555,13 +605,10 @@ void setup_nothing_extra(ProjectedSystem& s, const EllipsoidShape&, int) {
 }
 
 // Op 18: the sphere turned so that the origin lies on its equator, then Mercator.
-void gauss_oblique_origin_forward(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    double lambda = x;
-    double chi = y;
-    take_geographic(s, lambda, chi);
-    gauss_step(s, shape, s.longitude_origin, lambda, chi);
+// The forward turn is the method's closed form, which takes the turned
+// longitude from its sine; the way back turns the unit vector.
+void gauss_oblique_origin_project(const ProjectedSystem& s, double lambda, double chi, double& x,
+                                  double& y) {
     const double chi0 = s.derived4;
     const double turned_chi = std::asin(std::sin(chi) * std::cos(chi0) -
                                         std::cos(chi) * std::sin(chi0) * std::cos(lambda));
@@ -569,38 +616,29 @@ void gauss_oblique_origin_forward(void* object, double& x, double& y, double&) {
     sphere_mercator(s.derived2, turned_lambda, turned_chi, x, y);
     x += s.false_easting;
     y += s.false_northing;
-    give_grid(s, x, y);
 }
 
-void gauss_oblique_origin_inverse(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    take_grid(s, x, y);
-    const double r = s.derived2;
-    const double turned_lambda = (x - s.false_easting) / r;
-    const double turned_chi = 2 * std::atan(std::exp((y - s.false_northing) / r)) - half_pi;
-    const double xr = std::cos(turned_chi) * std::cos(turned_lambda);
-    const double yr = std::cos(turned_chi) * std::sin(turned_lambda);
-    const double zr = std::sin(turned_chi);
+void gauss_oblique_origin_unproject(const ProjectedSystem& s, double x, double y, double& lambda,
+                                    double& chi) {
+    double turned_lambda = 0;
+    double turned_chi = 0;
+    sphere_mercator_inverse(s.derived2, x - s.false_easting, y - s.false_northing, turned_lambda,
+                            turned_chi);
+    SpherePoint p = sphere_point(turned_lambda, turned_chi);
     const double chi0 = s.derived4;
-    const double px = std::cos(chi0) * xr - std::sin(chi0) * zr;
-    const double pz = std::sin(chi0) * xr + std::cos(chi0) * zr;
-    double lambda = std::atan2(yr, px);
-    double chi = std::asin(pz);
-    gauss_step_inverse(s, shape, s.longitude_origin, lambda, chi);
-    give_geographic(s, lambda, chi);
-    x = lambda;
-    y = chi;
+    turn(p.x, p.z, std::cos(chi0), std::sin(chi0));
+    lambda = std::atan2(p.y, p.x);
+    chi = std::asin(p.z);
 }
+
+constexpr OpFunction gauss_oblique_origin_forward =
+    project<on_gauss_sphere<gauss_oblique_origin_project>>;
+constexpr OpFunction gauss_oblique_origin_inverse =
+    unproject<from_gauss_sphere<gauss_oblique_origin_unproject>>;
 
 // Op 19: Gauss-Schreiber transverse Mercator.
-void gauss_schreiber_forward(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    double lambda = x;
-    double chi = y;
-    take_geographic(s, lambda, chi);
-    gauss_step(s, shape, s.longitude_origin, lambda, chi);
+void gauss_schreiber_project(const ProjectedSystem& s, double lambda, double chi, double& x,
+                             double& y) {
     const double r = s.derived2;
     const double across = std::asin(std::cos(chi) * std::sin(lambda));
     if (std::fabs(across) >= mercator_latitude_limit) {
@@ -610,32 +648,24 @@ void gauss_schreiber_forward(void* object, double& x, double& y, double&) {
         y = r * std::atan(std::tan(chi) / std::cos(lambda)) + s.extra1;
         x = r * std::log(std::tan(quarter_pi + across / 2)) + s.false_easting;
     }
-    give_grid(s, x, y);
 }
 
-void gauss_schreiber_inverse(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    take_grid(s, x, y);
+void gauss_schreiber_unproject(const ProjectedSystem& s, double x, double y, double& lambda,
+                               double& chi) {
     const double r = s.derived2;
     const double across = 2 * std::atan(std::exp((x - s.false_easting) / r)) - half_pi;
     const double along = (y - s.extra1) / r;
-    double lambda = std::atan2(std::sin(across), std::cos(across) * std::cos(along));
-    double chi = std::asin(std::cos(across) * std::sin(along));
-    gauss_step_inverse(s, shape, s.longitude_origin, lambda, chi);
-    give_geographic(s, lambda, chi);
-    x = lambda;
-    y = chi;
+    lambda = std::atan2(std::sin(across), std::cos(across) * std::cos(along));
+    chi = std::asin(std::cos(across) * std::sin(along));
 }
 
+constexpr OpFunction gauss_schreiber_forward = project<on_gauss_sphere<gauss_schreiber_project>>;
+constexpr OpFunction gauss_schreiber_inverse =
+    unproject<from_gauss_sphere<gauss_schreiber_unproject>>;
+
 // Op 20: oblique stereographic on the Gauss sphere.
-void gauss_stereographic_forward(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    double lambda = x;
-    double chi = y;
-    take_geographic(s, lambda, chi);
-    gauss_step(s, shape, s.longitude_origin, lambda, chi);
+void gauss_stereographic_project(const ProjectedSystem& s, double lambda, double chi, double& x,
+                                 double& y) {
     const double chi0 = s.derived4;
     const double r = s.derived2;
     if (std::fabs(chi + chi0) <= pole_tolerance &&
@@ -651,40 +681,34 @@ void gauss_stereographic_forward(void* object, double& x, double& y, double&) {
                                     std::cos(chi) * std::sin(chi0) * std::cos(lambda)) /
                                    d;
     }
-    give_grid(s, x, y);
 }
 
-void gauss_stereographic_inverse(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    take_grid(s, x, y);
+void gauss_stereographic_unproject(const ProjectedSystem& s, double x, double y, double& lambda,
+                                   double& chi) {
     const double chi0 = s.derived4;
     const double r = s.derived2;
     const double dx = x - s.false_easting;
     const double dy = y - s.false_northing;
     const double rho = std::hypot(dx, dy);
-    double lambda = 0;
-    double chi = chi0;
+    lambda = 0;
+    chi = chi0;
     if (rho > 0) {
         const double c = 2 * std::atan(rho / (2 * r));
         chi = std::asin(std::cos(c) * std::sin(chi0) + dy * std::sin(c) * std::cos(chi0) / rho);
         lambda = std::atan2(dx * std::sin(c),
                             rho * std::cos(chi0) * std::cos(c) - dy * std::sin(chi0) * std::sin(c));
     }
-    gauss_step_inverse(s, shape, s.longitude_origin, lambda, chi);
-    give_geographic(s, lambda, chi);
-    x = lambda;
-    y = chi;
 }
 
+constexpr OpFunction gauss_stereographic_forward =
+    project<on_gauss_sphere<gauss_stereographic_project>>;
+constexpr OpFunction gauss_stereographic_inverse =
+    unproject<from_gauss_sphere<gauss_stereographic_unproject>>;
+
 // Op 21: conformal conic on the sphere turned about the axis of azimuth extra1.
-void gauss_conic_forward(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    double lambda = x;
-    double chi = y;
-    take_geographic(s, lambda, chi);
-    gauss_step(s, shape, s.longitude_origin, lambda, chi);
+// As op 18, the forward turn follows the method's formulas.
+void gauss_conic_project(const ProjectedSystem& s, double lambda, double chi, double& x,
+                         double& y) {
     const double alpha = s.extra1;
     const double n = s.derived4;
     const double big_s = std::asin(std::sin(alpha) * std::cos(lambda) * std::cos(chi) +
@@ -699,13 +723,10 @@ void gauss_conic_forward(void* object, double& x, double& y, double&) {
         x = rho * std::cos(theta) + s.false_easting;
         y = rho * std::sin(theta) + s.false_northing;
     }
-    give_grid(s, x, y);
 }
 
-void gauss_conic_inverse(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    take_grid(s, x, y);
+void gauss_conic_unproject(const ProjectedSystem& s, double x, double y, double& lambda,
+                           double& chi) {
     const double alpha = s.extra1;
     const double n = s.derived4;
     const double sign = n < 0 ? -1.0 : 1.0;
@@ -715,67 +736,54 @@ void gauss_conic_inverse(void* object, double& x, double& y, double&) {
     const double theta = std::atan2(sign * dy, sign * dx);
     const double delta = theta / n;
     const double big_s = 2 * std::atan(std::pow(s.derived2 / rho, 1 / n)) - half_pi;
-    const double xr = std::cos(big_s) * std::cos(delta);
-    const double yr = std::cos(big_s) * std::sin(delta);
-    const double zr = std::sin(big_s);
-    const double px = std::cos(alpha) * xr + std::sin(alpha) * zr;
-    const double pz = -std::sin(alpha) * xr + std::cos(alpha) * zr;
-    double lambda = std::atan2(-yr, px);
-    double chi = std::asin(pz);
-    gauss_step_inverse(s, shape, s.longitude_origin, lambda, chi);
-    give_geographic(s, lambda, chi);
-    x = lambda;
-    y = chi;
+    SpherePoint p = sphere_point(delta, big_s);
+    turn(p.x, p.z, std::cos(alpha), -std::sin(alpha));
+    lambda = std::atan2(-p.y, p.x);
+    chi = std::asin(p.z);
 }
 
+constexpr OpFunction gauss_conic_forward = project<on_gauss_sphere<gauss_conic_project>>;
+constexpr OpFunction gauss_conic_inverse = unproject<from_gauss_sphere<gauss_conic_unproject>>;
+
 // Op 22: oblique Mercator on the Gauss sphere, the central line crossing the
-// sphere's equator at longitude derived4 with azimuth extra1.
-void gauss_oblique_mercator_forward(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    double lambda = x;
-    double chi = y;
-    take_geographic(s, lambda, chi);
-    gauss_step(s, shape, s.derived4, lambda, chi);
+// sphere's equator at longitude derived4 with azimuth extra1. The sphere
+// turns about its x axis by alpha - 90 degrees, putting the central line on
+// the equator, and back by 90 degrees - alpha.
+void gauss_oblique_mercator_project(const ProjectedSystem& s, double lambda, double chi, double& x,
+                                    double& y) {
     const double alpha = s.extra1;
-    const double turned_chi = std::asin(std::sin(chi) * std::sin(alpha) -
-                                        std::sin(lambda) * std::cos(chi) * std::cos(alpha));
-    const double turned_lambda = std::atan2(std::sin(chi) * std::cos(alpha) +
-                                                std::sin(lambda) * std::cos(chi) * std::sin(alpha),
-                                            std::cos(lambda) * std::cos(chi));
+    SpherePoint p = sphere_point(lambda, chi);
+    turn(p.y, p.z, std::sin(alpha), -std::cos(alpha));
+    const double turned_chi = std::asin(p.z);
+    const double turned_lambda = std::atan2(p.y, p.x);
     double u = 0;
     double v = 0;
     sphere_mercator(s.derived2, turned_lambda, turned_chi, u, v);
     u -= s.extra3;
     x = std::sin(alpha) * u - std::cos(alpha) * v + s.false_easting;
     y = std::cos(alpha) * u + std::sin(alpha) * v + s.false_northing;
-    give_grid(s, x, y);
 }
 
-void gauss_oblique_mercator_inverse(void* object, double& x, double& y, double&) {
-    const auto& s = *static_cast<const ProjectedSystem*>(object);
-    const EllipsoidShape shape = shape_of(s);
-    take_grid(s, x, y);
+void gauss_oblique_mercator_unproject(const ProjectedSystem& s, double x, double y, double& lambda,
+                                      double& chi) {
     const double alpha = s.extra1;
-    const double r = s.derived2;
     const double dx = x - s.false_easting;
     const double dy = y - s.false_northing;
     const double u = std::sin(alpha) * dx + std::cos(alpha) * dy + s.extra3;
     const double v = -std::cos(alpha) * dx + std::sin(alpha) * dy;
-    const double turned_lambda = u / r;
-    const double turned_chi = 2 * std::atan(std::exp(v / r)) - half_pi;
-    const double xr = std::cos(turned_chi) * std::cos(turned_lambda);
-    const double yr = std::cos(turned_chi) * std::sin(turned_lambda);
-    const double zr = std::sin(turned_chi);
-    const double py = std::sin(alpha) * yr - std::cos(alpha) * zr;
-    const double pz = std::cos(alpha) * yr + std::sin(alpha) * zr;
-    double lambda = std::atan2(py, xr);
-    double chi = std::asin(pz);
-    gauss_step_inverse(s, shape, s.derived4, lambda, chi);
-    give_geographic(s, lambda, chi);
-    x = lambda;
-    y = chi;
+    double turned_lambda = 0;
+    double turned_chi = 0;
+    sphere_mercator_inverse(s.derived2, u, v, turned_lambda, turned_chi);
+    SpherePoint p = sphere_point(turned_lambda, turned_chi);
+    turn(p.y, p.z, std::sin(alpha), std::cos(alpha));
+    lambda = std::atan2(p.y, p.x);
+    chi = std::asin(p.z);
 }
+
+constexpr OpFunction gauss_oblique_mercator_forward =
+    project<on_gauss_sphere<gauss_oblique_mercator_project, &ProjectedSystem::derived4>>;
+constexpr OpFunction gauss_oblique_mercator_inverse =
+    unproject<from_gauss_sphere<gauss_oblique_mercator_unproject, &ProjectedSystem::derived4>>;
 
 // ---- Operations on other records ----
 
@@ -1146,34 +1154,34 @@ void transforms_register_types() {
     set_obj_type<LinearMatrix>();
 }
 
-void op_apply(ObjectId object, int32_t op, double& x, double& y, double& z) {
+namespace {
+
+// The record an operation applies to, looked up through the op's object
+// type. False when the operation is not to run: op outside the table (error
+// 12), a record that is not there, or no record for an op that needs one.
+bool op_record(ObjectId object, int32_t op, void*& address) {
     if (op < 0 || op >= op_count) {
         set_gblerr(ErrorCode::value_internal);
-        return;
+        return false;
     }
-    void* address = nullptr;
+    address = nullptr;
     if (object != 0 && op_table[op].object_type != ObjectType::None) {
         address = get_obj_adr(op_table[op].object_type, object, nullptr);
-        if (!address) return;
-    } else if (op != op_none && op != op_type44) {
-        return;
+        return address != nullptr;
     }
-    op_table[op].forward(address, x, y, z);
+    return op == op_none || op == op_type44;
+}
+
+} // namespace
+
+void op_apply(ObjectId object, int32_t op, double& x, double& y, double& z) {
+    void* address = nullptr;
+    if (op_record(object, op, address)) op_table[op].forward(address, x, y, z);
 }
 
 void op_apply_inverse(ObjectId object, int32_t op, double& x, double& y, double& z) {
-    if (op < 0 || op >= op_count) {
-        set_gblerr(ErrorCode::value_internal);
-        return;
-    }
     void* address = nullptr;
-    if (object != 0 && op_table[op].object_type != ObjectType::None) {
-        address = get_obj_adr(op_table[op].object_type, object, nullptr);
-        if (!address) return;
-    } else if (op != op_none && op != op_type44) {
-        return;
-    }
-    op_table[op].inverse(address, x, y, z);
+    if (op_record(object, op, address)) op_table[op].inverse(address, x, y, z);
 }
 
 void make_chain(ObjectId georeference, ObjectId& out_chain) {
@@ -1379,6 +1387,23 @@ void find_projected_equal(ObjectId id, ObjectId& out_found) {
     }
 }
 
+namespace {
+
+// The end of a system the program makes for itself: set up and indexed, or
+// deleted when the set-up fails.
+void finish_made_system(ObjectId id, ObjectId& out_id) {
+    projected_finish(id, angle_unit_radian);
+    if (error_pending()) {
+        ErrorHold hold;
+        del_obj(ObjectType::ProjectedSystem, id);
+        return;
+    }
+    geodesy_index_add(ObjectType::ProjectedSystem, id);
+    out_id = id;
+}
+
+} // namespace
+
 void utm_system(ObjectId datum, int zone, bool south, ObjectId& out_id) {
     out_id = 0;
     const auto* datum_record = get_obj_adr<Datum>(datum);
@@ -1408,14 +1433,7 @@ void utm_system(ObjectId datum, int zone, bool south, ObjectId& out_id) {
     std::snprintf(name, sizeof name, "%s / UTM zone %02d%c",
                   datum_record->name ? datum_record->name : "", zone, south ? 'S' : 'N');
     str_copy(name, system->name);
-    projected_finish(id, angle_unit_radian);
-    if (error_pending()) {
-        ErrorHold hold;
-        del_obj(ObjectType::ProjectedSystem, id);
-        return;
-    }
-    geodesy_index_add(ObjectType::ProjectedSystem, id);
-    out_id = id;
+    finish_made_system(id, out_id);
 }
 
 void utm_for_point(ObjectId datum, double longitude_deg, double latitude_deg, ObjectId& out_id) {
@@ -1456,14 +1474,7 @@ void plate_carree_system(ObjectId datum, double latitude, ObjectId& out_id) {
     system->scale_factor = 1.0;
     system->latitude_origin = latitude_rad;
     system->longitude_origin = 0;
-    projected_finish(id, angle_unit_radian);
-    if (error_pending()) {
-        ErrorHold hold;
-        del_obj(ObjectType::ProjectedSystem, id);
-        return;
-    }
-    geodesy_index_add(ObjectType::ProjectedSystem, id);
-    out_id = id;
+    finish_made_system(id, out_id);
 }
 
 // The radius is the meridian's taken at the mean of the two longitudes, not
