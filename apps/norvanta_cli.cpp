@@ -3,12 +3,16 @@
 // the engine until Ctrl-C or SIGTERM.
 #include <cstdio>
 #include <cstring>
+#include <string>
 #include <vector>
 
+#include "diffusion/clients.h"
+#include "platform/ui.h"
 #include "shell/command_line.h"
 #include "shell/config.h"
 #include "shell/events.h"
 #include "shell/main.h"
+#include "shell/menu.h"
 #include "version.h"
 
 namespace {
@@ -28,6 +32,11 @@ constexpr const char* help_text =
     "  --config FILE      use this configuration file and no other\n"
     "  --print-config     print the configuration file in use, the directories,\n"
     "                     the language and the value of every key, then exit\n"
+    "  --client HOST:PORT also send to this address (an active client);\n"
+    "                     may be given more than once\n"
+    "  --no-diffusion     start with diffusion off: nothing is sent to the clients\n"
+    "  --list-clients     print the active and inactive clients with their slot\n"
+    "                     numbers and addresses, then exit\n"
     "\n"
     "  -NAVIG<link>       start live navigation on a link (COM4, /dev/ttyUSB0,\n"
     "                     UDP7551, USB); -NAVIGLOG<link> also logs it\n"
@@ -42,8 +51,50 @@ bool is_option(const char* token, const char* name) {
     return std::strcmp(token, name) == 0;
 }
 
-// What the walk was given that this build cannot do yet, each in one line.
-void report_unbuilt(const norvanta::CommandLine& line) {
+// The client options act once the lists are loaded, before the message loop.
+struct ClientOptions {
+    struct Client {
+        std::string host;
+        int32_t port;
+    };
+    std::vector<Client> extra;
+    bool no_diffusion = false;
+    bool list_clients = false;
+};
+ClientOptions client_options;
+
+constexpr int32_t largest_port = 65535;
+
+// "HOST:PORT", split at the last colon; the port is decimal digits. A port
+// out of range is kept as 0, which the client list refuses with its own box.
+bool parse_client(const char* text, ClientOptions::Client& out) {
+    const char* colon = std::strrchr(text, ':');
+    if (!colon || colon[1] == '\0') return false;
+    int32_t port = 0;
+    for (const char* digit = colon + 1; *digit; ++digit) {
+        if (*digit < '0' || *digit > '9') return false;
+        if (port <= largest_port) port = port * 10 + (*digit - '0');
+    }
+    out.host.assign(text, static_cast<std::size_t>(colon - text));
+    out.port = port > largest_port ? 0 : port;
+    return true;
+}
+
+// Once the client lists are loaded and the line is walked: the client
+// options, then what the walk was given that this build cannot do yet, each
+// in one line.
+void after_command_line(const norvanta::CommandLine& line) {
+    for (const ClientOptions::Client& client : client_options.extra)
+        norvanta::add_client(client.host.c_str(), client.port, nullptr, nullptr);
+    if (!client_options.extra.empty()) norvanta::refresh_snapshot();
+    if (client_options.list_clients) {
+        norvanta::print_client_lists(stdout);
+        norvanta::exit_path(0);
+    }
+    if (client_options.no_diffusion) {
+        norvanta::ui_menu_check(norvanta::menu_diffusion, false);
+        norvanta::set_diffusion(0);
+    }
     if (line.files_queued > 0 && !norvanta::event_has_handler(norvanta::event_load_file))
         std::fprintf(stderr,
                      "%s: %d file(s) queued, but this build cannot load files yet; "
@@ -91,6 +142,24 @@ int main(int argc, char** argv) {
             print_config = true;
             continue;
         }
+        if (is_option(token, "--no-diffusion")) {
+            client_options.no_diffusion = true;
+            continue;
+        }
+        if (is_option(token, "--list-clients")) {
+            client_options.list_clients = true;
+            continue;
+        }
+        if (is_option(token, "--client") || std::strncmp(token, "--client=", 9) == 0) {
+            const char* value = token[8] == '=' ? token + 9 : (i + 1 < argc ? argv[++i] : nullptr);
+            ClientOptions::Client client;
+            if (!value || !parse_client(value, client)) {
+                std::fprintf(stderr, "%s: option '--client' needs HOST:PORT\n", program_file_name);
+                return usage_error_status;
+            }
+            client_options.extra.push_back(client);
+            continue;
+        }
         if (token[0] == '-' && !norvanta::is_navigation_token(token)) {
             std::fprintf(stderr, "%s: unknown option '%s' (see --help)\n", program_file_name,
                          token);
@@ -105,5 +174,5 @@ int main(int argc, char** argv) {
         norvanta::config_print(stdout);
         return 0;
     }
-    return norvanta::start_up(tokens, report_unbuilt);
+    return norvanta::start_up(tokens, after_command_line);
 }

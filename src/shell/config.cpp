@@ -78,6 +78,7 @@ constexpr std::size_t proxy_word_length = 5;
     X(reduce_image_dir, "REDUCE_IMAGE_DIR", "reduced image cache, local disk", "no cache")         \
     X(temp_dir, "TEMP_DIR", "temporary files, local disk", "the user's cache directory")           \
     X(navig_log_dir, "NAVIG_LOG_DIR", "navigation logs, local disk", "the logs directory")         \
+    X(nmea_any_talker, "NMEA_ANY_TALKER", "present: any two-letter talker reads as GP", "GP only") \
     X(active_client_1, "ACTIVE_NMEA_UDP_DIFFUSE_ADR1", "active client: host port", "none")         \
     X(active_client_2, "ACTIVE_NMEA_UDP_DIFFUSE_ADR2", "active client: host port", "none")         \
     X(active_client_3, "ACTIVE_NMEA_UDP_DIFFUSE_ADR3", "active client: host port", "none")         \
@@ -103,7 +104,7 @@ enum class ConfigKey {
 #undef NORVANTA_CONFIG_KEY_ENUM
 };
 
-constexpr std::size_t config_key_count = 27;
+constexpr std::size_t config_key_count = 28;
 
 constexpr std::array<ConfigKeyInfo, config_key_count> config_keys = {{
 #define NORVANTA_CONFIG_KEY_ROW(id, name, meaning, default_text) {name, meaning, default_text},

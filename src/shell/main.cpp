@@ -16,6 +16,8 @@
 #include "core/memory.h"
 #include "core/object_store.h"
 #include "core/paged_memory.h"
+#include "diffusion/clients.h"
+#include "diffusion/sockets.h"
 #include "geodesy/tables.h"
 #include "geodesy/transforms.h"
 #include "platform/os.h"
@@ -138,6 +140,8 @@ void init_modules() {
     // 4; types 34 and 52 come with their modules.
     object_store_create();
     set_pending_work_test(ui_work_pending);
+    // 10
+    socket_startup();
     // 13: every conversion ends in the dictionary, so the program cannot run without it.
     geodesy_register_types();
     transforms_register_types();
@@ -162,6 +166,7 @@ int start_up(std::span<const char* const> tokens, CommandLineReport report) {
     // no control font and no dialog class to register without a toolkit.
     build_main_menu();
     if (error_pending()) fatal_init_error();
+    load_client_lists();
     CommandLine line;
     if (!tokens.empty()) {
         walk_command_line(tokens, line);
@@ -189,9 +194,9 @@ void fatal_init_error() {
 // data from under them. Output is flushed first.
 void exit_path(int status) {
     ClosingFlag.store(1);
-    // The STOP mark to the clients, the stop request to navigation and the
-    // write-back and closing of the paged store come here, in that order,
-    // with the modules that own them.
+    diffuse_stop_at_exit();
+    // The stop request to navigation and the write-back and closing of the
+    // paged store come here, in that order, with the modules that own them.
     std::fflush(nullptr);
     std::_Exit(status);
 }

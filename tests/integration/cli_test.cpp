@@ -130,7 +130,8 @@ TEST(Cli, VersionAndHelpExitZero) {
 
     Outcome help = run(home, {"--help"});
     EXPECT_EQ(help.status, 0);
-    for (const char* option : {"--config FILE", "--print-config", "-NAVIG", "-COMSPEED"})
+    for (const char* option : {"--config FILE", "--print-config", "-NAVIG", "-COMSPEED",
+                               "--client HOST:PORT", "--no-diffusion", "--list-clients"})
         EXPECT_NE(help.out.find(option), std::string::npos) << "help does not list " << option;
 }
 
@@ -146,6 +147,9 @@ TEST(Cli, UnknownOptionExitsTwoWithOneLineNamingIt) {
         {"a lower-case navigation option", {"-navigCOM4"}, "-navigCOM4"},
         {"after good tokens", {"-NAVIGCOM4", "-COMSPEED4800", "--bogus"}, "--bogus"},
         {"--config without its file", {"--config"}, "--config"},
+        {"--client without its address", {"--client"}, "--client"},
+        {"--client without a port", {"--client", "localhost"}, "--client"},
+        {"--client with a port in letters", {"--client=localhost:x"}, "--client"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.description);
@@ -245,6 +249,71 @@ TEST(Cli, SignalsEndTheProgramCleanlyAfterAOneLineReportOfWhatItCannotDo) {
         EXPECT_FALSE(testing::file_exists(home.file("logs/zz_QLMX.log")))
             << "without LOGERROR no log file is ever made";
     }
+}
+
+TEST(Cli, ListClientsPrintsBothListsThenExits) {
+    const std::string defaults_inactive =
+        "inactive clients:\n  0 localhost:7553\n  1 localhost:7554\n  2 localhost:7555\n"
+        "  3 localhost:7556\n  4 localhost:7557\n  5 localhost:7558\n  6 localhost:7559\n";
+    struct Row {
+        const char* description;
+        std::string configuration; // empty: the seeded example
+        std::vector<std::string> args;
+        std::string out;
+        std::string err;
+    };
+    const Row rows[] = {
+        {"the defaults",
+         "",
+         {"--list-clients"},
+         "active clients:\n  0 localhost:7551\n  1 localhost:7552\n" + defaults_inactive,
+         ""},
+        {"--client adds active clients; a known address stays where it is",
+         "",
+         {"--client", "127.0.0.1:10110", "--client=localhost:7553", "--list-clients", "--client",
+          "10.1.2.3:2000"},
+         "active clients:\n  0 localhost:7551\n  1 localhost:7552\n  2 127.0.0.1:10110\n"
+         "  3 10.1.2.3:2000\n" +
+             defaults_inactive,
+         ""},
+        {"an unresolvable client gives its box and the others stand",
+         "LANG ENGLISH\n",
+         {"--client", "nosuch.invalid:7000", "--list-clients"},
+         "active clients:\n  0 localhost:7551\n  1 localhost:7552\n" + defaults_inactive,
+         "Invalid address: nosuch.invalid\nInvalid server name or\ninvalid IP adress\n"},
+        {"configured keys",
+         "INACTIVE_NMEA_UDP_DIFFUSE_ADR1 localhost 7551\nACTIVE_NMEA_UDP_DIFFUSE_ADR1 "
+         "192.168.1.20 10110\n",
+         {"--list-clients"},
+         "active clients:\n  0 localhost:7552\n  1 192.168.1.20:10110\n"
+         "inactive clients:\n  0 localhost:7551\n  1 localhost:7553\n  2 localhost:7554\n"
+         "  3 localhost:7555\n  4 localhost:7556\n  5 localhost:7557\n  6 localhost:7558\n"
+         "  7 localhost:7559\n",
+         ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.description);
+        TestHome home;
+        std::vector<std::string> args = row.args;
+        if (!row.configuration.empty()) {
+            testing::write_file(home.file("test.cfg"), row.configuration);
+            args.insert(args.begin(), {"--config", home.file("test.cfg")});
+        }
+        Outcome outcome = run(home, args);
+        EXPECT_TRUE(outcome.exited);
+        EXPECT_EQ(outcome.status, 0);
+        EXPECT_EQ(outcome.out, row.out);
+        EXPECT_EQ(outcome.err, row.err);
+    }
+}
+
+TEST(Cli, NoDiffusionAndExtraClientsRunUntilASignal) {
+    TestHome home;
+    Outcome outcome =
+        run_then_signal(home, {"--no-diffusion", "--client", "127.0.0.1:10110"}, SIGTERM);
+    EXPECT_TRUE(outcome.exited) << outcome.err;
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.err, "");
 }
 
 } // namespace

@@ -152,7 +152,7 @@ TEST(ConfigSettings, RulesOnTheValues) {
 TEST(ConfigKeys, EveryKeyIsListedInOrderAndNoneIsAPrefixOfAnother) {
     std::vector<std::string> expected = {
         "BACK_COLOR_RGB", "LOGERROR",         "HTTP",     "LANG",         "MONOTHREAD",
-        "MAXMEM",         "REDUCE_IMAGE_DIR", "TEMP_DIR", "NAVIG_LOG_DIR"};
+        "MAXMEM",         "REDUCE_IMAGE_DIR", "TEMP_DIR", "NAVIG_LOG_DIR", "NMEA_ANY_TALKER"};
     for (const char* kind : {"ACTIVE", "INACTIVE"})
         for (int slot = 1; slot <= 9; ++slot)
             expected.push_back(kind + "_NMEA_UDP_DIFFUSE_ADR"s + std::to_string(slot));
