@@ -466,34 +466,33 @@ void oset_remove(ObjectId handle, ObjectId id) {
     }
 }
 
-// The element found is looked up as well, so that a stale one is never
-// returned: the set is compacted and the step taken again.
-ObjectId oset_next(ObjectId handle, ObjectId id) {
+namespace {
+
+// The neighbour of id in one direction (0 starts from the end behind it). The
+// element found is looked up as well, so that a stale one is never returned:
+// the set is compacted and the step taken again.
+ObjectId oset_step(ObjectId handle, ObjectId id, Reading::Direction direction) {
     OrderedSetEntry* entry = find_entry(handle);
     if (!entry) return 0;
     const void* key = nullptr;
     if (id != 0 && (error_pending() || !object_key(*entry, id, key))) return 0;
     int32_t position = run_search(*entry, [&]() -> std::optional<int32_t> {
-        std::optional<int32_t> after = position_after_attempt(*entry, key, id);
-        if (!after || *after >= element_count(*entry)) return after;
-        if (is_stale(*entry, elements_of(*entry)[*after])) return std::nullopt;
-        return after;
+        std::optional<int32_t> found = position_beyond_attempt(Reading(*entry, key, direction), id);
+        if (!found || *found < 0 || *found >= element_count(*entry)) return found;
+        if (is_stale(*entry, elements_of(*entry)[*found])) return std::nullopt;
+        return found;
     });
     return element_at(*entry, position);
 }
 
+} // namespace
+
+ObjectId oset_next(ObjectId handle, ObjectId id) {
+    return oset_step(handle, id, Reading::Direction::forward);
+}
+
 ObjectId oset_prev(ObjectId handle, ObjectId id) {
-    OrderedSetEntry* entry = find_entry(handle);
-    if (!entry) return 0;
-    const void* key = nullptr;
-    if (id != 0 && (error_pending() || !object_key(*entry, id, key))) return 0;
-    int32_t position = run_search(*entry, [&]() -> std::optional<int32_t> {
-        std::optional<int32_t> before = position_before_attempt(*entry, key, id);
-        if (!before || *before < 0) return before;
-        if (is_stale(*entry, elements_of(*entry)[*before])) return std::nullopt;
-        return before;
-    });
-    return element_at(*entry, position);
+    return oset_step(handle, id, Reading::Direction::backward);
 }
 
 ObjectId oset_search(ObjectId handle, const void* key, bool* out_exact) {
