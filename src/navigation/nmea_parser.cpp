@@ -302,6 +302,13 @@ void skip_field(NmeaParser& parser) {
     (void)read_field(parser);
 }
 
+// A value followed by its unit letter: it goes to when_letter under that
+// letter, and to otherwise under any other (an empty letter included).
+void take_by_letter(NmeaParser& parser, char letter, double& when_letter, double& otherwise) {
+    const double value = read_field(parser).real();
+    (read_field(parser).letter() == letter ? when_letter : otherwise) = value;
+}
+
 // Fields with any character, from the cursor to the end of the sentence.
 int count_filled_fields(const char* cursor) {
     int count = 0;
@@ -544,31 +551,11 @@ void handle_rmb(NmeaParser& parser) {
 // Four pairs of value and unit letter.
 void handle_vtg(NmeaParser& parser) {
     NavFix& fix = *parser.fix;
-    Field value = read_field(parser);
-    if (read_field(parser).letter() == 'T') {
-        fix.course_true = value.real();
-    } else {
-        fix.course_magnetic = value.real();
-    }
-    value = read_field(parser);
-    if (read_field(parser).letter() == 'M') {
-        fix.course_magnetic = value.real();
-    } else {
-        fix.course_true = value.real();
-    }
+    take_by_letter(parser, 'T', fix.course_true, fix.course_magnetic);
+    take_by_letter(parser, 'M', fix.course_magnetic, fix.course_true);
     fix.course_valid = 1;
-    value = read_field(parser);
-    if (read_field(parser).letter() == 'N') {
-        fix.speed_knots = value.real();
-    } else {
-        fix.speed_kmh = value.real();
-    }
-    value = read_field(parser);
-    if (read_field(parser).letter() == 'K') {
-        fix.speed_kmh = value.real();
-    } else {
-        fix.speed_knots = value.real();
-    }
+    take_by_letter(parser, 'N', fix.speed_knots, fix.speed_kmh);
+    take_by_letter(parser, 'K', fix.speed_kmh, fix.speed_knots);
     fix.speed_valid = 1;
 }
 
@@ -576,18 +563,8 @@ void handle_vtg(NmeaParser& parser) {
 // Two pairs of bearing and letter, 5 destination, 6 origin.
 void handle_bod(NmeaParser& parser) {
     NavFix& fix = *parser.fix;
-    Field value = read_field(parser);
-    if (read_field(parser).letter() == 'T') {
-        fix.bearing_true = value.real();
-    } else {
-        fix.bearing_magnetic = value.real();
-    }
-    value = read_field(parser);
-    if (read_field(parser).letter() == 'M') {
-        fix.bearing_magnetic = value.real();
-    } else {
-        fix.bearing_true = value.real();
-    }
+    take_by_letter(parser, 'T', fix.bearing_true, fix.bearing_magnetic);
+    take_by_letter(parser, 'M', fix.bearing_magnetic, fix.bearing_true);
     copy_text(fix.destination_id, destination_id_capacity, read_field(parser).text);
     copy_text(fix.origin_id, origin_id_capacity, read_field(parser).text);
     fix.destination_valid = 0;
