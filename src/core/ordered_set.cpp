@@ -133,37 +133,6 @@ int32_t run_search(OrderedSetEntry& entry, Attempt attempt) {
     }
 }
 
-// Near, not a neighbour: a missed key gives hi, which is position 1 when the key
-// is below all elements and the last position when it is above all of them.
-// Kept on purpose: the replay engine only needs an element close to the key.
-std::optional<int32_t> search_attempt(const OrderedSetEntry& entry, const void* key, bool& exact) {
-    exact = false;
-    int32_t n = element_count(entry);
-    if (n == 0) return no_position;
-    int32_t lo = 0;
-    int32_t hi = n - 1;
-    while (hi - lo > 1) {
-        int32_t mid = (lo + hi) / 2;
-        std::optional<Probe> at_mid = probe(entry, key, mid);
-        if (!at_mid) return std::nullopt;
-        if (at_mid->compare == -1) {
-            lo = mid;
-        } else {
-            hi = mid;
-        }
-    }
-    std::optional<Probe> at_lo = probe(entry, key, lo);
-    if (!at_lo) return std::nullopt;
-    if (at_lo->compare == 0) {
-        exact = true;
-        return lo;
-    }
-    std::optional<Probe> at_hi = probe(entry, key, hi);
-    if (!at_hi) return std::nullopt;
-    exact = at_hi->compare == 0;
-    return hi;
-}
-
 // The strict searches and the positions around (key, id) come in mirror
 // pairs: the last element before a key is the first after it on the array read
 // from its end with the order turned round, and the position before (key, id)
@@ -207,23 +176,59 @@ class Reading {
     int32_t count_;
 };
 
+// The frame of every search: lo and hi close in until they are neighbours,
+// lo moving up past each probed element that `passed` says the key is beyond.
+// False when a probe met a stale element.
+template <class Passed>
+bool close_in(const Reading& reading, int32_t& lo, int32_t& hi, Passed passed) {
+    lo = 0;
+    hi = reading.count() - 1;
+    while (hi - lo > 1) {
+        int32_t mid = (lo + hi) / 2;
+        std::optional<Probe> at_mid = reading.at(mid);
+        if (!at_mid) return false;
+        if (passed(*at_mid)) {
+            lo = mid;
+        } else {
+            hi = mid;
+        }
+    }
+    return true;
+}
+
+// Near, not a neighbour: a missed key gives hi, which is position 1 when the key
+// is below all elements and the last position when it is above all of them.
+// Kept on purpose: the replay engine only needs an element close to the key.
+std::optional<int32_t> search_attempt(const OrderedSetEntry& entry, const void* key, bool& exact) {
+    exact = false;
+    int32_t n = element_count(entry);
+    if (n == 0) return no_position;
+    const Reading reading(entry, key, Reading::Direction::forward);
+    int32_t lo = 0;
+    int32_t hi = 0;
+    if (!close_in(reading, lo, hi, [](const Probe& element) { return element.compare == -1; }))
+        return std::nullopt;
+    std::optional<Probe> at_lo = probe(entry, key, lo);
+    if (!at_lo) return std::nullopt;
+    if (at_lo->compare == 0) {
+        exact = true;
+        return lo;
+    }
+    std::optional<Probe> at_hi = probe(entry, key, hi);
+    if (!at_hi) return std::nullopt;
+    exact = at_hi->compare == 0;
+    return hi;
+}
+
 // The first element whose key is strictly above the key (forward), or the
 // last whose key is strictly below it (backward).
 std::optional<int32_t> strictly_beyond_attempt(const Reading& reading) {
     int32_t n = reading.count();
     if (n == 0) return no_position;
     int32_t lo = 0;
-    int32_t hi = n - 1;
-    while (hi - lo > 1) {
-        int32_t mid = (lo + hi) / 2;
-        std::optional<Probe> at_mid = reading.at(mid);
-        if (!at_mid) return std::nullopt;
-        if (at_mid->compare <= 0) {
-            lo = mid;
-        } else {
-            hi = mid;
-        }
-    }
+    int32_t hi = 0;
+    if (!close_in(reading, lo, hi, [](const Probe& element) { return element.compare <= 0; }))
+        return std::nullopt;
     std::optional<Probe> at_lo = reading.at(lo);
     if (!at_lo) return std::nullopt;
     if (at_lo->compare == 1) return reading.array_position(lo);
@@ -244,17 +249,10 @@ std::optional<int32_t> position_beyond_attempt(const Reading& reading, ObjectId 
     if (!last) return std::nullopt;
     if (!reading.sorts_before(*last, id)) return reading.array_position(n);
     int32_t lo = 0;
-    int32_t hi = n - 1;
-    while (hi - lo > 1) {
-        int32_t mid = (lo + hi) / 2;
-        std::optional<Probe> at_mid = reading.at(mid);
-        if (!at_mid) return std::nullopt;
-        if (reading.sorts_before(*at_mid, id)) {
-            hi = mid;
-        } else {
-            lo = mid;
-        }
-    }
+    int32_t hi = 0;
+    if (!close_in(reading, lo, hi,
+                  [&](const Probe& element) { return !reading.sorts_before(element, id); }))
+        return std::nullopt;
     std::optional<Probe> at_lo = reading.at(lo);
     if (!at_lo) return std::nullopt;
     if (reading.sorts_before(*at_lo, id)) return reading.array_position(lo);
