@@ -6,7 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "core/object_store.h"
 #include "diffusion/clients.h"
+#include "navigation/worker.h"
+#include "platform/headless/status_output.h"
 #include "platform/ui.h"
 #include "shell/command_line.h"
 #include "shell/config.h"
@@ -37,10 +40,19 @@ constexpr const char* help_text =
     "  --no-diffusion     start with diffusion off: nothing is sent to the clients\n"
     "  --list-clients     print the active and inactive clients with their slot\n"
     "                     numbers and addresses, then exit\n"
+    "  --status=STYLE     what to print of each shown position: 'line' keeps one\n"
+    "                     line up to date (the default on a terminal), 'tsv' prints\n"
+    "                     one tab-separated line per position (mode, distance km,\n"
+    "                     duration, longitude, latitude, altitude, speed, direction,\n"
+    "                     satellites), 'none' prints nothing (the default otherwise)\n"
     "\n"
-    "  -NAVIG<link>       start live navigation on a link (COM4, /dev/ttyUSB0,\n"
-    "                     UDP7551, USB); -NAVIGLOG<link> also logs it\n"
-    "  -COMSPEED<baud>    the speed of a serial link\n"
+    "  -NAVIG<link>       start live navigation on a link: a serial device path\n"
+    "                     (/dev/ttyUSB0, /dev/serial/by-id/...), COM<n> for\n"
+    "                     /dev/ttyS<n-1>, or UDP<port> to take NMEA from the network;\n"
+    "                     -NAVIGLOG<link> also writes what a serial receiver sends to\n"
+    "                     NMEA_<time>.nmea in the navigation log directory\n"
+    "  -COMSPEED<baud>    the speed of a serial link: 4800 (the default), 9600,\n"
+    "                     19200, 38400, 57600 or 115200\n"
     "  file...            GPS files to load; a name that is not an existing file\n"
     "                     is ignored\n"
     "\n"
@@ -60,6 +72,7 @@ struct ClientOptions {
     std::vector<Client> extra;
     bool no_diffusion = false;
     bool list_clients = false;
+    norvanta::StatusStyle status = norvanta::status_style_default();
 };
 ClientOptions client_options;
 
@@ -77,6 +90,16 @@ bool parse_client(const char* text, ClientOptions::Client& out) {
     }
     out.host.assign(text, static_cast<std::size_t>(colon - text));
     out.port = port > largest_port ? 0 : port;
+    return true;
+}
+
+// What parse_link_name takes, so that a name it refuses is told rather than
+// ignored.
+bool navigation_link_known(const std::string& text) {
+    norvanta::ObjectId id = 0;
+    norvanta::parse_link_name(text.c_str(), 0, id);
+    if (id == 0) return false;
+    norvanta::del_obj(norvanta::ObjectType::ReceiverLink, id);
     return true;
 }
 
@@ -100,12 +123,13 @@ void after_command_line(const norvanta::CommandLine& line) {
                      "%s: %d file(s) queued, but this build cannot load files yet; "
                      "they are not replayed\n",
                      program_file_name, static_cast<int>(line.files_queued));
-    if (line.navigation_named)
+    if (line.navigation_named && !navigation_link_known(line.link_text))
         std::fprintf(stderr,
-                     "%s: live navigation is not part of this build yet; link \"%s\" is not "
-                     "opened\n",
+                     "%s: \"%s\" names no link: give a serial device path, COM<n> or "
+                     "UDP<port>\n",
                      program_file_name, line.link_text.c_str());
     std::fflush(stderr);
+    norvanta::set_status_style(client_options.status);
 }
 
 } // namespace
@@ -148,6 +172,14 @@ int main(int argc, char** argv) {
         }
         if (is_option(token, "--list-clients")) {
             client_options.list_clients = true;
+            continue;
+        }
+        if (std::strncmp(token, "--status=", 9) == 0) {
+            if (!norvanta::parse_status_style(token + 9, client_options.status)) {
+                std::fprintf(stderr, "%s: option '--status' takes line, tsv or none\n",
+                             program_file_name);
+                return usage_error_status;
+            }
             continue;
         }
         if (is_option(token, "--client") || std::strncmp(token, "--client=", 9) == 0) {

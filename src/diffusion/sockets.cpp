@@ -34,6 +34,7 @@ constexpr std::size_t log_text_capacity = 256;
 
 std::atomic<bool> started{false};
 std::atomic<int32_t> name_lookups{0};
+std::atomic<uint64_t> datagrams_taken{0};
 // Guards peer and status of every record.
 std::mutex peer_mutex;
 
@@ -241,6 +242,10 @@ long socket_receive_datagram(SocketRecord* record, void* buffer, long size) {
     long got = net::receive_from(record->socket, buffer, static_cast<std::size_t>(size), sender,
                                  sender_length);
     if (got < 0) return 0;
+    datagrams_taken.fetch_add(1);
+    // A datagram larger than the buffer is an error, not a cut text: a
+    // sentence cut there would join the next datagram's.
+    if (got > size) return 0;
     std::lock_guard lock(peer_mutex);
     if (!peer_known(*record)) {
         std::memcpy(record->peer, sender, sizeof sender);
@@ -294,6 +299,10 @@ const char* socket_address(const SocketRecord* record) {
 
 int32_t socket_name_lookups() {
     return name_lookups.load();
+}
+
+uint64_t socket_datagrams_taken() {
+    return datagrams_taken.load();
 }
 
 } // namespace norvanta

@@ -86,5 +86,8 @@ const char* socket_address(const SocketRecord* record);
 // How many times the name service was asked, for the tests of the reuse of
 // a resolved name.
 int32_t socket_name_lookups();
+// How many datagrams receivers have taken from the system, from any sender,
+// for the tests that wait until a datagram was read.
+uint64_t socket_datagrams_taken();
 
 } // namespace norvanta

@@ -49,7 +49,8 @@ int wait_readable(int32_t socket, int32_t timeout_ms);
 // One receive; the count, 0 at the peer's end, -1 on an error.
 long receive(int32_t socket, void* buffer, std::size_t length);
 // One datagram with its sender's 16-byte address and the length of that
-// address; -1 on an error.
+// address; -1 on an error. The count is the datagram's whole length, also
+// when it was longer than the buffer and only length bytes were kept.
 long receive_from(int32_t socket, void* buffer, std::size_t length,
                   uint8_t out_sender[socket_address_bytes], int32_t& out_sender_length);
 

@@ -19,10 +19,14 @@
 #include "diffusion/clients.h"
 #include "diffusion/sockets.h"
 #include "geodesy/tables.h"
+#include "formats/gps_model.h"
 #include "geodesy/transforms.h"
+#include "navigation/worker.h"
 #include "platform/os.h"
 #include "platform/ui.h"
+#include "replay/engine.h"
 #include "shell/config.h"
+#include "shell/dashboard.h"
 #include "shell/errors.h"
 #include "shell/julian.h"
 #include "shell/menu.h"
@@ -148,6 +152,13 @@ void init_modules() {
     geodesy_load();
     // 14
     if (error_pending()) return;
+    // 15
+    gps_model_init();
+    // 16
+    navigation_init();
+    // 18: the keyword table is constant data.
+    nav_point_register_type();
+    replay_init();
     // 21
     month_table_init();
     // 22
@@ -165,6 +176,7 @@ int start_up(std::span<const char* const> tokens, CommandLineReport report) {
     // The backend keeps the window's handle; there is no accelerator table,
     // no control font and no dialog class to register without a toolkit.
     build_main_menu();
+    create_dashboard();
     if (error_pending()) fatal_init_error();
     load_client_lists();
     CommandLine line;
@@ -173,6 +185,9 @@ int start_up(std::span<const char* const> tokens, CommandLineReport report) {
         if (error_pending()) fatal_init_error();
     }
     if (report) report(line);
+    if (line.navigation_named)
+        start_navigation(0, line.link_text.c_str(), static_cast<uint32_t>(line.speed_baud),
+                         line.navigation_log);
     return ui_run_loop();
 }
 
@@ -195,8 +210,10 @@ void fatal_init_error() {
 void exit_path(int status) {
     ClosingFlag.store(1);
     diffuse_stop_at_exit();
-    // The stop request to navigation and the write-back and closing of the
-    // paged store come here, in that order, with the modules that own them.
+    stop_navigation();
+    ui_closing();
+    // The write-back and closing of the paged store come here, with the
+    // module that owns it.
     std::fflush(nullptr);
     std::_Exit(status);
 }

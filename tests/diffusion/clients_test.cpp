@@ -19,6 +19,7 @@
 #include "shell/errors.h"
 #include "shell/events.h"
 #include "shell/window.h"
+#include "support/serve_events.h"
 #include "support/test_home.h"
 #include "support/udp_listener.h"
 
@@ -29,9 +30,6 @@ using testing::TestHome;
 
 using Listener = testing::UdpListener;
 using testing::udp_sentinel;
-
-constexpr int serve_poll_ms = 5;
-constexpr int serve_rounds = 2000;
 
 [[maybe_unused]] const auto* const private_home = testing::use_private_home_for_this_process();
 
@@ -71,20 +69,11 @@ std::string addresses(const PairList* list) {
     return out;
 }
 
-// Serves the window's messages until the event machine is at rest.
-void run_until_idle() {
-    for (int round = 0; round < serve_rounds; ++round) {
-        if (headless::pending_count() == 0 && event_machine_idle()) return;
-        headless::serve_one(serve_poll_ms);
-    }
-    ADD_FAILURE() << "the event machine did not come to rest";
-}
-
 // The lists as a fresh start-up would make them from this configuration.
 class ClientLists : public ::testing::Test {
   protected:
     void SetUp() override {
-        run_until_idle();
+        testing::serve_until_idle();
         headless::reset();
         DiffuseOn.store(1);
         set_current_track_test(nullptr);
@@ -231,7 +220,7 @@ TEST_F(ClientLists, ASnapshotChangesOnlyAtEvent17) {
     EXPECT_EQ(a.next_before_sentinel(), udp_sentinel) << "not in the snapshot yet";
 
     post_event(event_send_list);
-    run_until_idle();
+    testing::serve_until_idle();
     diffuse_text("after");
     EXPECT_EQ(a.next(), "after");
 
@@ -311,7 +300,7 @@ TEST_F(ClientLists, ListeningOnALocalPortTakesItsLocalClientsOut) {
     ASSERT_EQ(headless::pending_count(), 1u);
     EXPECT_EQ(headless::pending_messages()[0].event, event_send_list);
     EXPECT_EQ(addresses(send_snapshot()), "7551 7552 127.0.0.1:7551 127.0.0.2:7551");
-    run_until_idle();
+    testing::serve_until_idle();
     EXPECT_EQ(addresses(send_snapshot()), addresses(active_clients())) << "event 17 refreshed it";
 
     headless::reset();

@@ -1,122 +1,25 @@
-// norvanta-cli run as a user runs it: a child process with its own
-// NORVANTA_HOME, its output captured in files, its end awaited with a
-// generous deadline.
+// norvanta-cli run as a user runs it: options, seeding, signals and the
+// client lists.
 #include <algorithm>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
+#include "support/cli_process.h"
 #include "support/test_home.h"
-
-extern char** environ;
+#include "support/udp_listener.h"
 
 namespace norvanta {
 namespace {
 
+using testing::Outcome;
 using testing::TestHome;
 
-constexpr auto process_deadline = std::chrono::seconds(30);
-constexpr auto poll_interval = std::chrono::milliseconds(10);
 constexpr int usage_error_status = 2;
-
-struct Outcome {
-    bool exited = false; // ended by itself, not by a signal nor killed at the deadline
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-// Starts the program with home as its NORVANTA_HOME; its output goes to files there.
-pid_t start(const TestHome& home, std::vector<std::string> args) {
-    home.make_current();
-    args.insert(args.begin(), NORVANTA_CLI_PATH);
-    std::vector<char*> argv;
-    for (std::string& arg : args)
-        argv.push_back(arg.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, home.file("stdout.txt").c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, 2, home.file("stderr.txt").c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    pid_t pid = -1;
-    EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-// True once the program itself (not a fork before the exec) catches SIGINT and
-// SIGTERM and blocks them in its main thread: start-up is ready for them.
-bool wait_until_taking_signals(pid_t pid) {
-    const unsigned long wanted = (1UL << (SIGINT - 1)) | (1UL << (SIGTERM - 1));
-    const std::string proc = "/proc/" + std::to_string(pid);
-    std::error_code ignored;
-    const auto program = std::filesystem::canonical(NORVANTA_CLI_PATH, ignored);
-    for (auto deadline = std::chrono::steady_clock::now() + process_deadline;
-         std::chrono::steady_clock::now() < deadline; std::this_thread::sleep_for(poll_interval)) {
-        if (std::filesystem::read_symlink(proc + "/exe", ignored) != program) continue;
-        unsigned long caught = 0;
-        unsigned long blocked = 0;
-        std::ifstream status(proc + "/status");
-        for (std::string line; std::getline(status, line);) {
-            if (line.starts_with("SigCgt:")) caught = std::strtoul(&line[7], nullptr, 16);
-            if (line.starts_with("SigBlk:")) blocked = std::strtoul(&line[7], nullptr, 16);
-        }
-        if ((caught & wanted) == wanted && (blocked & wanted) == wanted) return true;
-    }
-    return false;
-}
-
-// Waits for the end, killing the program at the deadline.
-Outcome finish(const TestHome& home, pid_t pid) {
-    Outcome outcome;
-    if (pid <= 0) return outcome;
-    int raw = 0;
-    auto deadline = std::chrono::steady_clock::now() + process_deadline;
-    while (waitpid(pid, &raw, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            ADD_FAILURE() << "norvanta-cli did not end before the deadline";
-            kill(pid, SIGKILL);
-            waitpid(pid, &raw, 0);
-            return outcome;
-        }
-        std::this_thread::sleep_for(poll_interval);
-    }
-    outcome.exited = WIFEXITED(raw);
-    if (outcome.exited) outcome.status = WEXITSTATUS(raw);
-    if (WIFSIGNALED(raw)) outcome.err = strsignal(WTERMSIG(raw));
-    outcome.out = testing::read_file(home.file("stdout.txt"));
-    outcome.err += testing::read_file(home.file("stderr.txt"));
-    return outcome;
-}
-
-Outcome run(const TestHome& home, const std::vector<std::string>& args) {
-    return finish(home, start(home, args));
-}
-
-// Runs the program until it waits for work, then ends it with a signal.
-Outcome run_then_signal(const TestHome& home, const std::vector<std::string>& args, int number) {
-    pid_t pid = start(home, args);
-    EXPECT_TRUE(wait_until_taking_signals(pid)) << "norvanta-cli never came up";
-    if (pid > 0) kill(pid, number);
-    return finish(home, pid);
-}
 
 long line_count(const std::string& text) {
     return std::count(text.begin(), text.end(), '\n');
@@ -124,11 +27,11 @@ long line_count(const std::string& text) {
 
 TEST(Cli, VersionAndHelpExitZero) {
     TestHome home;
-    Outcome version = run(home, {"--version"});
+    Outcome version = testing::run_cli(home, {"--version"});
     EXPECT_EQ(version.status, 0);
     EXPECT_EQ(version.out, "norvanta-cli (Norvanta) 1.0.2\n");
 
-    Outcome help = run(home, {"--help"});
+    Outcome help = testing::run_cli(home, {"--help"});
     EXPECT_EQ(help.status, 0);
     for (const char* option : {"--config FILE", "--print-config", "-NAVIG", "-COMSPEED",
                                "--client HOST:PORT", "--no-diffusion", "--list-clients"})
@@ -154,7 +57,7 @@ TEST(Cli, UnknownOptionExitsTwoWithOneLineNamingIt) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.description);
         TestHome home;
-        Outcome outcome = run(home, row.args);
+        Outcome outcome = testing::run_cli(home, row.args);
         EXPECT_EQ(outcome.status, usage_error_status);
         EXPECT_EQ(line_count(outcome.err), 1) << outcome.err;
         EXPECT_NE(outcome.err.find("'" + row.named + "'"), std::string::npos) << outcome.err;
@@ -165,7 +68,7 @@ TEST(Cli, UnknownOptionExitsTwoWithOneLineNamingIt) {
 TEST(Cli, FirstRunSeedsTheConfigurationOnce) {
     TestHome home;
     const std::string copy = home.file("norvanta.cfg");
-    Outcome first = run(home, {"--print-config"});
+    Outcome first = testing::run_cli(home, {"--print-config"});
     EXPECT_EQ(first.status, 0);
     ASSERT_TRUE(testing::file_exists(copy));
     EXPECT_EQ(testing::read_file(copy),
@@ -175,7 +78,7 @@ TEST(Cli, FirstRunSeedsTheConfigurationOnce) {
 
     const std::string edited = testing::read_file(copy) + "# the user's own line\n";
     testing::write_file(copy, edited);
-    EXPECT_EQ(run(home, {"--print-config"}).status, 0);
+    EXPECT_EQ(testing::run_cli(home, {"--print-config"}).status, 0);
     EXPECT_EQ(testing::read_file(copy), edited) << "a second run does not copy again";
 }
 
@@ -202,14 +105,14 @@ TEST(Cli, BadConfigurationsKeepDefaults) {
         } else if (!row.content.empty()) {
             testing::write_file(path, row.content);
         }
-        Outcome printed = run(home, {"--config", path, "--print-config"});
+        Outcome printed = testing::run_cli(home, {"--config", path, "--print-config"});
         EXPECT_EQ(printed.status, 0) << printed.err;
         EXPECT_NE(printed.out.find("max_memory: 1000"), std::string::npos) << printed.out;
         EXPECT_NE(printed.out.find("error_log_enabled: 0"), std::string::npos) << printed.out;
         EXPECT_FALSE(testing::file_exists(home.file("norvanta.cfg")))
             << "with --config nothing is seeded";
 
-        Outcome started = run_then_signal(home, {"--config", path}, SIGTERM);
+        Outcome started = testing::run_cli_then_signal(home, {"--config", path}, SIGTERM);
         EXPECT_TRUE(started.exited) << "start-up with this configuration crashed: " << started.err;
         EXPECT_EQ(started.status, 0) << started.err;
     }
@@ -228,11 +131,11 @@ TEST(Cli, SignalsEndTheProgramCleanlyAfterAOneLineReportOfWhatItCannotDo) {
         {"SIGINT", {}, SIGINT, 0, ""},
         {"a missing file is ignored without a word", {"@missing.gpx"}, SIGTERM, 0, ""},
         {"a file is queued, but cannot be loaded yet", {"@track.gpx"}, SIGTERM, 1, "1 file"},
-        {"live navigation is not built yet",
-         {"-NAVIGLOGCOM4", "-COMSPEED4800"},
+        {"a link name that names no link is told",
+         {"-NAVIGLOGFOO", "-COMSPEED4800"},
          SIGINT,
          1,
-         "\"COM4\""},
+         "\"FOO\""},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.description);
@@ -241,7 +144,7 @@ TEST(Cli, SignalsEndTheProgramCleanlyAfterAOneLineReportOfWhatItCannotDo) {
         std::vector<std::string> args;
         for (const std::string& arg : row.args)
             args.push_back(arg[0] == '@' ? home.file(arg.substr(1)) : arg);
-        Outcome outcome = run_then_signal(home, args, row.signal);
+        Outcome outcome = testing::run_cli_then_signal(home, args, row.signal);
         EXPECT_TRUE(outcome.exited) << "ended by the signal instead of the exit path";
         EXPECT_EQ(outcome.status, 0);
         EXPECT_EQ(line_count(outcome.err), row.report_lines) << outcome.err;
@@ -299,7 +202,7 @@ TEST(Cli, ListClientsPrintsBothListsThenExits) {
             testing::write_file(home.file("test.cfg"), row.configuration);
             args.insert(args.begin(), {"--config", home.file("test.cfg")});
         }
-        Outcome outcome = run(home, args);
+        Outcome outcome = testing::run_cli(home, args);
         EXPECT_TRUE(outcome.exited);
         EXPECT_EQ(outcome.status, 0);
         EXPECT_EQ(outcome.out, row.out);
@@ -307,10 +210,46 @@ TEST(Cli, ListClientsPrintsBothListsThenExits) {
     }
 }
 
+// Live navigation from the network, as a user runs it: the clients get the
+// fix as it came between the marks, and the status prints one line per fix.
+TEST(Cli, RelaysAUdpSourceToItsClientsUntilASignal) {
+    TestHome home;
+    testing::write_file(home.file("relay.cfg"), "INACTIVE_NMEA_UDP_DIFFUSE_ADR1 localhost 7551\n"
+                                                "INACTIVE_NMEA_UDP_DIFFUSE_ADR2 localhost 7552\n");
+    testing::UdpListener client;
+    testing::UdpListener sender;
+    const int32_t port = testing::free_udp_port();
+    const pid_t pid = testing::start_cli(
+        home, {"--config", home.file("relay.cfg"), "-NAVIGUDP" + std::to_string(port), "--client",
+               "127.0.0.1:" + std::to_string(client.port()), "--status=tsv"});
+    ASSERT_TRUE(testing::wait_until_taking_signals(pid));
+    for (int round = 0; round < 500 && !testing::udp_port_bound(port); ++round)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const std::string fix =
+        "$GPRMC,120000,A,4807.038,N,01131.000,E,022.4,084.4,230394,003.1,W*64\r\n"
+        "$GPGGA,120000,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,*49\r\n";
+    sender.send_to(port, fix);
+    // The display starts, and the list of clients is renewed without the
+    // program's own port: each says STOP.
+    std::string text = client.next();
+    for (int marks = 0; text == "$PKLNT,STOP*79\r\n" && marks < 3; ++marks)
+        text = client.next();
+    EXPECT_EQ(text, "$PKLNT,START*21\r\n");
+    EXPECT_EQ(client.next(), fix);
+    kill(pid, SIGTERM);
+    const Outcome outcome = testing::finish_cli(home, pid);
+    EXPECT_EQ(client.next(), "$PKLNT,STOP*79\r\n") << "the exit path's mark";
+    EXPECT_TRUE(outcome.exited);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out,
+              "Navigation\t0.00\t0:00:00\tE 011.516667\tN  48.117300\t545.4\t41.48\t084.40\t8\n");
+    EXPECT_EQ(outcome.err, "");
+}
+
 TEST(Cli, NoDiffusionAndExtraClientsRunUntilASignal) {
     TestHome home;
-    Outcome outcome =
-        run_then_signal(home, {"--no-diffusion", "--client", "127.0.0.1:10110"}, SIGTERM);
+    Outcome outcome = testing::run_cli_then_signal(
+        home, {"--no-diffusion", "--client", "127.0.0.1:10110"}, SIGTERM);
     EXPECT_TRUE(outcome.exited) << outcome.err;
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.err, "");

@@ -7,6 +7,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
 #include <gtest/gtest.h>
 
 namespace norvanta::testing {
@@ -53,9 +57,37 @@ std::string UdpListener::next_before_sentinel() const {
     return next();
 }
 
+std::vector<std::string> UdpListener::drain() const {
+    UdpListener probe;
+    probe.send_to(port_, udp_sentinel);
+    std::vector<std::string> received;
+    for (std::string text = next(); text != udp_sentinel && text != "<none>"; text = next())
+        received.push_back(text);
+    return received;
+}
+
 void UdpListener::send_to(int32_t port, const std::string& text) const {
     const sockaddr_in to = loopback(port);
     ::sendto(fd_, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
+}
+
+int32_t free_udp_port() {
+    UdpListener probe;
+    return probe.port();
+}
+
+bool udp_port_bound(int32_t port) {
+    char wanted[8];
+    std::snprintf(wanted, sizeof wanted, ":%04X", static_cast<unsigned>(port));
+    std::ifstream table("/proc/net/udp");
+    std::string line;
+    std::getline(table, line); // the heading
+    for (std::string slot, local; std::getline(table, line);) {
+        std::istringstream fields(line);
+        fields >> slot >> local;
+        if (local.ends_with(wanted)) return true;
+    }
+    return false;
 }
 
 } // namespace norvanta::testing

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace norvanta::testing {
 
@@ -22,6 +23,8 @@ class UdpListener {
     // sentinel sent now comes after anything sent before: reading it first
     // proves that nothing else came.
     std::string next_before_sentinel() const;
+    // Everything that came before a sentinel sent now, oldest first.
+    std::vector<std::string> drain() const;
     void send_to(int32_t port, const std::string& text) const;
 
   private:
@@ -30,5 +33,10 @@ class UdpListener {
 };
 
 inline constexpr const char* udp_sentinel = "<sentinel>";
+
+// A port that nothing holds: taken from the system, then let go.
+int32_t free_udp_port();
+// Whether some socket of this machine is bound to the UDP port.
+bool udp_port_bound(int32_t port);
 
 } // namespace norvanta::testing

@@ -2,10 +2,11 @@
 //
 // The message queue is a FIFO of (event, data) guarded by one mutex, with a
 // condition variable that wakes the loop; any thread may post. Everything a
-// window would show is kept in memory under the same mutex, and boxes go to
-// stderr without waiting for anyone.
+// window would show (title, menu, controls) is kept in memory under the same
+// mutex, and boxes go to stderr without waiting for anyone.
 #include "platform/ui.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -17,6 +18,7 @@
 
 #include "core/memory.h"
 #include "core/strings.h"
+#include "platform/headless/status_output.h"
 #include "platform/headless/ui_headless.h"
 #include "shell/events.h"
 #include "shell/window.h"
@@ -58,6 +60,8 @@ struct HeadlessWindow {
     std::vector<std::vector<MenuSlot>> menus;
     UiMenu bar = no_menu;
     std::vector<std::string> boxes;
+    std::vector<headless::Control> controls;
+    bool drops_accepted = true;
 };
 
 // Never destroyed, on purpose: detached threads (a delayed post, the end of
@@ -100,6 +104,32 @@ void list_entries(const HeadlessWindow& w, UiMenu menu, int level,
         out.push_back({level, slot.kind, slot.id, slot.text, slot.checked, slot.enabled});
         if (slot.kind == MenuEntryKind::popup) list_entries(w, slot.submenu, level + 1, out);
     }
+}
+
+headless::Control* find_control(HeadlessWindow& w, int32_t id) {
+    if (id == 0) return nullptr;
+    for (headless::Control& control : w.controls)
+        if (control.id == id) return &control;
+    return nullptr;
+}
+
+// What act gives for the control of that id, run under the window's lock, or
+// fallback when there is none: an id that names no control is ignored, as a
+// window system ignores a message to a window that is not there.
+template <class T, class Act>
+T on_control(int32_t id, T fallback, Act&& act) {
+    HeadlessWindow& w = window();
+    std::lock_guard lock(w.mutex);
+    headless::Control* control = find_control(w, id);
+    return control ? act(*control) : fallback;
+}
+
+template <class Change>
+void change_control(int32_t id, Change&& change) {
+    on_control(id, 0, [&](headless::Control& c) {
+        change(c);
+        return 0;
+    });
 }
 
 void show_box(const char* text, const char* caption) {
@@ -195,6 +225,10 @@ int ui_run_loop() {
     }
 }
 
+void ui_closing() {
+    status_output_end_line();
+}
+
 void ui_quit(int code) {
     HeadlessWindow& w = window();
     {
@@ -288,6 +322,97 @@ void ui_menu_enable(int32_t id, bool enabled) {
     if (MenuSlot* slot = find_item(w, w.bar, id)) slot->enabled = enabled;
 }
 
+void ui_create_control(const UiControl& control, const char* text) {
+    HeadlessWindow& w = window();
+    std::lock_guard lock(w.mutex);
+    if (!w.exists) return;
+    headless::Control made{};
+    made.kind = control.kind;
+    made.id = control.id;
+    made.where = control.where;
+    made.font = control.font;
+    made.style = control.style;
+    made.text = text ? text : "";
+    made.enabled = true;
+    made.selected = -1;
+    made.look = UiValueLook::settled;
+    w.controls.push_back(std::move(made));
+}
+
+void ui_set_control_text(int32_t id, const char* text) {
+    change_control(id, [text](headless::Control& c) { c.text = text ? text : ""; });
+}
+
+std::size_t ui_control_text(int32_t id, char* out, std::size_t capacity) {
+    if (capacity > 0) out[0] = '\0';
+    return on_control(id, std::size_t{0}, [&](const headless::Control& c) {
+        if (capacity > 0) out[c.text.copy(out, capacity - 1)] = '\0';
+        return c.text.size();
+    });
+}
+
+void ui_enable_control(int32_t id, bool enabled) {
+    change_control(id, [enabled](headless::Control& c) { c.enabled = enabled; });
+}
+
+void ui_check_control(int32_t id, bool checked) {
+    change_control(id, [checked](headless::Control& c) { c.checked = checked; });
+}
+
+bool ui_control_checked(int32_t id) {
+    return on_control(id, false, [](const headless::Control& c) { return c.checked; });
+}
+
+void ui_set_slider_range(int32_t id, int32_t low, int32_t high) {
+    change_control(id, [low, high](headless::Control& c) {
+        c.slider_low = low;
+        c.slider_high = std::max(low, high);
+        c.slider_position = std::clamp(c.slider_position, c.slider_low, c.slider_high);
+    });
+}
+
+void ui_set_slider_position(int32_t id, int32_t position) {
+    change_control(id, [position](headless::Control& c) {
+        c.slider_position = std::clamp(position, c.slider_low, c.slider_high);
+    });
+}
+
+int32_t ui_combo_add_row(int32_t id, const char* text, intptr_t item_data) {
+    return on_control(id, int32_t{-1}, [&](headless::Control& c) {
+        c.rows.emplace_back(text ? text : "");
+        c.row_data.push_back(item_data);
+        return static_cast<int32_t>(c.rows.size()) - 1;
+    });
+}
+
+void ui_combo_select(int32_t id, int32_t row) {
+    change_control(id, [row](headless::Control& c) {
+        const bool exists = row >= 0 && static_cast<std::size_t>(row) < c.rows.size();
+        c.selected = exists ? row : -1;
+    });
+}
+
+int32_t ui_combo_selected(int32_t id) {
+    return on_control(id, int32_t{-1}, [](const headless::Control& c) { return c.selected; });
+}
+
+intptr_t ui_combo_item_data(int32_t id, int32_t row) {
+    return on_control(id, intptr_t{-1}, [row](const headless::Control& c) {
+        const bool exists = row >= 0 && static_cast<std::size_t>(row) < c.row_data.size();
+        return exists ? c.row_data[static_cast<std::size_t>(row)] : intptr_t{-1};
+    });
+}
+
+void ui_set_value_look(int32_t id, UiValueLook look) {
+    change_control(id, [look](headless::Control& c) { c.look = look; });
+}
+
+void ui_accept_drops(bool accept) {
+    HeadlessWindow& w = window();
+    std::lock_guard lock(w.mutex);
+    w.drops_accepted = accept;
+}
+
 namespace headless {
 
 std::string title() {
@@ -315,6 +440,25 @@ bool menu_enabled(int32_t id) {
     std::lock_guard lock(w.mutex);
     MenuSlot* slot = find_item(w, w.bar, id);
     return slot && slot->enabled;
+}
+
+std::vector<Control> controls() {
+    HeadlessWindow& w = window();
+    std::lock_guard lock(w.mutex);
+    return w.controls;
+}
+
+std::optional<Control> control(int32_t id) {
+    HeadlessWindow& w = window();
+    std::lock_guard lock(w.mutex);
+    if (const Control* found = find_control(w, id)) return *found;
+    return std::nullopt;
+}
+
+bool drops_accepted() {
+    HeadlessWindow& w = window();
+    std::lock_guard lock(w.mutex);
+    return w.drops_accepted;
 }
 
 std::vector<std::string> boxes() {
@@ -379,6 +523,8 @@ void destroy_main_window() {
     HeadlessWindow& w = window();
     std::lock_guard lock(w.mutex);
     w.exists = false;
+    w.controls.clear();
+    w.drops_accepted = true;
     drop_messages(w.queue);
 }
 

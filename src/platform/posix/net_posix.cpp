@@ -146,7 +146,8 @@ long receive_from(int32_t socket, void* buffer, std::size_t length,
     ssize_t got;
     do {
         got =
-            ::recvfrom(socket, buffer, length, 0, reinterpret_cast<sockaddr*>(&from), &from_length);
+            ::recvfrom(socket, buffer, length, MSG_TRUNC, reinterpret_cast<sockaddr*>(&from),
+                       &from_length);
     } while (got < 0 && errno == EINTR);
     std::memcpy(out_sender, &from, socket_address_bytes);
     out_sender_length = static_cast<int32_t>(from_length < sizeof from ? from_length : sizeof from);
