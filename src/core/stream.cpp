@@ -34,6 +34,7 @@
 
 #include "core/memory.h"
 #include "core/object_store.h"
+#include "core/paged_memory.h"
 #include "core/strings.h"
 #include "formats/file_mobj.h"
 #include "shell/config.h"
@@ -208,37 +209,32 @@ std::FILE* open_regular_file(const char* name, int64_t& length) {
     return file;
 }
 
-// The bytes of one page of a block, or null for a page that is not in memory.
-// A block without pages holds its bytes in one piece.
-const uint8_t* page_address(const Mobj& block, int64_t page) {
-    if (!block.data || page < 0) return nullptr;
-    if (block.page_size <= 0) return page == 0 ? static_cast<const uint8_t*>(block.data) : nullptr;
-    if (page >= block.page_count) return nullptr;
-    return static_cast<uint8_t* const*>(block.data)[page];
-}
-
-int64_t page_bytes(const Mobj& block) {
-    return block.page_size > 0 ? block.page_size : std::max<int64_t>(block.size, 1);
-}
-
-// Copies count bytes from offset of the block; a page that is not in memory
-// reads as zeros. Returns the bytes that the block holds there.
-int32_t copy_from_block(const Mobj& block, int64_t offset, int32_t count, uint8_t* destination) {
-    const int64_t held = std::clamp<int64_t>(block.size - offset, 0, count);
-    const int64_t size_of_page = page_bytes(block);
-    int64_t done = 0;
-    while (done < held) {
-        const int64_t at = offset + done;
-        const int64_t in_page = at % size_of_page;
-        const int64_t piece = std::min(held - done, size_of_page - in_page);
-        const uint8_t* page = page_address(block, at / size_of_page);
-        if (page)
-            std::memcpy(destination + done, page + in_page, static_cast<std::size_t>(piece));
-        else
-            std::memset(destination + done, 0, static_cast<std::size_t>(piece));
+// Copies count bytes from offset of the block, page by page; a page that has
+// left memory comes back from its swap file. Returns the bytes that the block
+// holds there.
+int32_t copy_from_block(Mobj& block, int64_t offset, int32_t count, uint8_t* destination) {
+    if (offset < 0 || offset >= block.size) return 0;
+    int32_t done = 0;
+    while (done < count) {
+        int32_t piece = count - done;
+        const uint8_t* from = read_pointer(block, static_cast<int32_t>(offset + done), piece);
+        if (!from) break;
+        std::memcpy(destination + done, from, static_cast<std::size_t>(piece));
         done += piece;
     }
-    return static_cast<int32_t>(held);
+    return done;
+}
+
+// A window that lies within one page points straight into it.
+bool point_into_page(StreamReader& stream, Mobj& block, int64_t from, int32_t wanted) {
+    int32_t length = wanted;
+    const uint8_t* address = read_pointer(block, static_cast<int32_t>(from), length);
+    if (!address || length != wanted) return false;
+    stream.buffer = const_cast<uint8_t*>(address);
+    stream.window_in_page = 1;
+    // Taken after the look-up, which may itself have evicted other pages.
+    stream.page_release_mark = page_release_count();
+    return true;
 }
 
 // Reads count bytes of the disk file from offset (absolute in the file).
@@ -315,13 +311,9 @@ bool fill_window(StreamReader& stream) {
     if (stream.memory_id != 0) {
         stream.memory = find_obj_adr<Mobj>(stream.memory_id);
         if (stream.memory) {
-            const Mobj& block = *stream.memory;
-            const int64_t size_of_page = page_bytes(block);
-            const int64_t in_page = from % size_of_page;
-            const uint8_t* page = page_address(block, from / size_of_page);
-            if (stream.direct && page && in_page + wanted <= size_of_page &&
-                from + wanted <= block.size) {
-                stream.buffer = const_cast<uint8_t*>(page + in_page);
+            Mobj& block = *stream.memory;
+            stream.window_in_page = 0;
+            if (stream.direct && point_into_page(stream, block, from, wanted)) {
                 got = wanted;
             } else {
                 stream.buffer = own_window(stream, stream.buffer_size);
@@ -329,6 +321,7 @@ bool fill_window(StreamReader& stream) {
             }
         }
     } else {
+        stream.window_in_page = 0;
         stream.buffer = own_window(stream, stream.buffer_size);
         got = read_from_file(stream.file, from, wanted, stream.buffer);
     }
@@ -338,7 +331,26 @@ bool fill_window(StreamReader& stream) {
     return false;
 }
 
-bool byte_ready(const StreamReader& stream) {
+// A window into a page is looked up again once any page has been freed or
+// moved since it was taken (an eviction, a flatten): the bytes are the same,
+// only their address may have changed. When they no longer lie in one page,
+// they are copied.
+void keep_window_valid(StreamReader& stream) {
+    if (!stream.window_in_page || stream.page_release_mark == page_release_count()) return;
+    stream.window_in_page = 0;
+    stream.memory = find_obj_adr<Mobj>(stream.memory_id);
+    const int64_t from = int64_t{stream.start_offset} + stream.window_start;
+    if (!stream.memory) {
+        stream.window_fill = 0;
+        return;
+    }
+    if (point_into_page(stream, *stream.memory, from, stream.window_fill)) return;
+    stream.buffer = own_window(stream, stream.buffer_size);
+    stream.window_fill = copy_from_block(*stream.memory, from, stream.window_fill, stream.buffer);
+}
+
+bool byte_ready(StreamReader& stream) {
+    if (stream.window_in_page) keep_window_valid(stream);
     return stream.position >= 0 && stream.position < stream.window_fill;
 }
 
@@ -366,6 +378,7 @@ void finish_begun_byte(StreamReader& stream) {
 int32_t fetch_at(StreamReader& stream, int64_t offset, int32_t count, uint8_t* destination) {
     count = static_cast<int32_t>(std::clamp<int64_t>(stream.file_size - offset, 0, count));
     if (count == 0 || offset < 0) return 0;
+    keep_window_valid(stream);
     if (offset >= stream.window_start &&
         offset + count <= int64_t{stream.window_start} + stream.window_fill) {
         std::memcpy(destination, stream.buffer + (offset - stream.window_start),
@@ -374,7 +387,7 @@ int32_t fetch_at(StreamReader& stream, int64_t offset, int32_t count, uint8_t* d
     }
     const int64_t from = stream.start_offset + offset;
     if (stream.memory_id == 0) return read_from_file(stream.file, from, count, destination);
-    const Mobj* block = find_obj_adr<Mobj>(stream.memory_id);
+    Mobj* block = find_obj_adr<Mobj>(stream.memory_id);
     return block ? copy_from_block(*block, from, count, destination) : 0;
 }
 
@@ -592,9 +605,10 @@ int open_stream(ObjectId file_id, int32_t buffer_size, bool rewind) {
         stream.buffer_size = wanted;
         stream.bits = byte_boundary;
         if (source.memory_id != 0) {
-            // Asked for the whole data, a block in one page is read in place.
-            const Mobj* block = find_obj_adr<Mobj>(source.memory_id);
-            stream.direct = whole && block && source.start_offset + size <= page_bytes(*block);
+            // Asked for the whole data, the block is made one page and read in place.
+            Mobj* block = find_obj_adr<Mobj>(source.memory_id);
+            if (whole && block) flatten(*block);
+            stream.direct = whole && block && source.start_offset + size <= block->page_size;
         } else {
             // A file shorter than when it was examined is not the file the
             // caller means to read.
@@ -670,11 +684,11 @@ void set_direct() {
     StreamReader& stream = current();
     if (stream.memory_id == 0) return;
     const Mobj* block = find_obj_adr<Mobj>(stream.memory_id);
-    if (!block) return;
+    if (!block || block->page_size <= 0) return;
     const int64_t absolute = absolute_position(stream);
     stream.direct = 1;
     stream.buffer_size =
-        static_cast<int32_t>(std::min<int64_t>(page_bytes(*block), stream.file_size));
+        static_cast<int32_t>(std::min<int64_t>(block->page_size, stream.file_size));
     stream.window_fill = 0;
     place_window(stream, absolute);
     if (!fill_window(stream)) set_gblerr(ErrorCode::file_access);
@@ -685,6 +699,7 @@ StreamBits* stream_bit_state() {
 }
 
 uint8_t* stream_buffer() {
+    keep_window_valid(current());
     return current().buffer;
 }
 

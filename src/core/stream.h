@@ -60,21 +60,23 @@ struct StreamBits {
 // One slot of the recent-streams table; slot 0 is the current stream. A slot
 // keeps its whole cursor, so that a return to a file resumes where it was left.
 struct StreamReader {
-    ObjectId file_id;     // the FileMobj; 0 for a free slot
-    int32_t file_size;    // bytes of data
-    int32_t start_offset; // bytes before the data in the file or block underneath
-    int32_t buffer_size;  // bytes of one window
-    uint8_t* buffer;      // the window; into a page in direct mode, else own_buffer
-    int32_t window_start; // offset of the window's first byte, relative to the data
-    int32_t position;     // read position in the window; may stand outside it until a refill
-    StreamBits bits;      // bit cursor within the byte at position
-    std::FILE* file;      // the open file; null for a memory source
-    ObjectId memory_id;   // the Mobj of a memory source
-    Mobj* memory;         // its address, taken afresh at each refill
-    uint32_t direct;      // 1 when buffer points straight into a page of the Mobj
-    int32_t window_fill;  // bytes of the window that hold data; 0 when none do
-    uint8_t* own_buffer;  // owned window storage
-    int32_t own_capacity; // bytes of own_buffer
+    ObjectId file_id;           // the FileMobj; 0 for a free slot
+    int32_t file_size;          // bytes of data
+    int32_t start_offset;       // bytes before the data in the file or block underneath
+    int32_t buffer_size;        // bytes of one window
+    uint8_t* buffer;            // the window; into a page in direct mode, else own_buffer
+    int32_t window_start;       // offset of the window's first byte, relative to the data
+    int32_t position;           // read position in the window; may stand outside it until a refill
+    StreamBits bits;            // bit cursor within the byte at position
+    std::FILE* file;            // the open file; null for a memory source
+    ObjectId memory_id;         // the Mobj of a memory source
+    Mobj* memory;               // its address, taken afresh at each refill
+    uint32_t direct;            // 1 when windows may point straight into pages of the Mobj
+    uint32_t window_in_page;    // 1 when this window does, 0 when it is a copy
+    uint32_t page_release_mark; // page_release_count() when that page was looked up
+    int32_t window_fill;        // bytes of the window that hold data; 0 when none do
+    uint8_t* own_buffer;        // owned window storage
+    int32_t own_capacity;       // bytes of own_buffer
 };
 
 // Makes the file current: 0 on success, 1 when it cannot be read (callers turn

@@ -42,10 +42,7 @@ void open_nmea_log(ReceiverLink& link) {
                                  log_stamp_now() + nmea_log_suffix;
         parser->log_file = open_for_write(path.c_str(), "wb");
         if (!parser->log_file) return;
-        char tail[checksum_tail_capacity];
-        format_checksum_tail(nmea_log_header, tail);
-        std::fputs(nmea_log_header, parser->log_file);
-        std::fputs(tail, parser->log_file);
+        file_sentence(parser->log_file, nmea_log_header);
     }
     link.nmea_log_on = 1;
 }

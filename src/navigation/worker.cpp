@@ -120,14 +120,6 @@ std::FILE** log_file_of(ReceiverLink& link) {
     return nullptr;
 }
 
-// Sends a command sentence with its checksum tail.
-void send_command(void* serial_port, const char* command) {
-    char tail[checksum_tail_capacity];
-    format_checksum_tail(command, tail);
-    write_serial(static_cast<SerialPort*>(serial_port), command, std::strlen(command));
-    write_serial(static_cast<SerialPort*>(serial_port), tail, std::strlen(tail));
-}
-
 void free_link_reader(ReceiverLink& link) {
     if (link.protocol == link_protocol_unknown) {
         free_mem(link.parser);
@@ -141,7 +133,7 @@ void free_link_reader(ReceiverLink& link) {
 void destroy_receiver_link(void* data) {
     auto& link = *static_cast<ReceiverLink*>(data);
     if (link.kind == link_kind_serial && link.port) {
-        send_command(link.port, nmea_off_command);
+        send_nmea_command(static_cast<SerialPort*>(link.port), nmea_off_command);
         send_sirf_frame(link.port, sirf_nmea_off, sizeof sirf_nmea_off);
     }
     if (std::FILE** log = log_file_of(link); log && *log) {
@@ -315,7 +307,7 @@ int open_serial_link(ReceiverLink& link) {
     if (!port) return 0;
     link.port = port;
     if (link.protocol == link_protocol_nmea) {
-        send_command(port, nmea_on_command);
+        send_nmea_command(port, nmea_on_command);
         send_sirf_frame(port, sirf_nmea_on, sizeof sirf_nmea_on);
         NmeaParser* parser = new_nmea_parser(port, read_serial);
         if (!parser) return 0;

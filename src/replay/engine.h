@@ -44,6 +44,10 @@ struct ReplayTrack {
     char* name;                 // owned; shown in the window title
 };
 
+// How far a replay tick waits before the next one. The position comes from
+// the wall clock, so this sets only how often the clock is sampled.
+inline constexpr int replay_tick_delay_ms = 400;
+
 // Makes a track and makes it current; out_index is its number in the list,
 // -1 when none was made. With a file, both indexes are built over the
 // NavPoints of dataset; a track without points stores object_internal and
@@ -56,6 +60,44 @@ void replay_select(int32_t index);
 void replay_rename(int32_t index, const char* text);
 // Accepts REPLAY_TIME, REPLAY_SPEED and REPLAY_LIVE only.
 void replay_set_mode(int32_t mode);
+// The settings of CurrentTrack. A direction other than -1 and +1 is refused.
+// A new time factor selects REPLAY_TIME and a new speed (km/h) REPLAY_SPEED;
+// a running clock is paused around the change, so the position is kept.
+void replay_set_direction(int32_t direction);
+void replay_set_loop(int32_t flag);
+void replay_set_time_factor(double value);
+void replay_set_speed(double value);
+
+// The clock of CurrentTrack. Play starts it in the requested direction
+// (a second press in the running direction does nothing), pause freezes the
+// position where the clock stands, stop goes back to the start and forgets
+// the point shown.
+void replay_play();
+void replay_pause();
+void replay_stop();
+// Only while the clock stands: shows and sends the first point at or beyond
+// fraction (0 to 1) of the track's distance, behind a STOP mark in one send,
+// and the next play starts from there.
+void replay_seek(double fraction);
+
+// The point where the clock of CurrentTrack stands at now: the first point
+// strictly beyond the target (running forward) or the last strictly before
+// it (running back), 0 for none. With loop set, a run past the end starts
+// over from the first point (or the last, running back) at the present time.
+void replay_locate(const JulianTime& now, ObjectId& out_point);
+// The point for the present time; when the clock passed the end less than a
+// second ago, the end of the track, so that its last point always goes out.
+// 0 when the track has ended.
+void replay_next(ObjectId& out_point);
+// The handler of the replay tick event: sends and shows the point of the
+// clock and arms the next tick, or ends the run at the end of the track.
+void replay_tick();
+
+// The present time of the replay clock, in whole seconds. Tests put a clock
+// of their own in; null gives now_julian back.
+using ReplayClock = void (*)(JulianTime& out);
+void set_replay_clock(ReplayClock now);
+
 // Sends text, or the point's own text when text is null, when diffusion is
 // on; makes the point current_point and shows it.
 void replay_show_point(ObjectId point, const char* text);
@@ -69,7 +111,8 @@ int32_t replay_track_count();
 extern std::atomic<int32_t> LiveTrack; // its index; -1 before
 extern std::atomic<ObjectId> LivePoint;
 
-// Registers the engine's view of CurrentTrack with diffusion. At start-up.
+// Registers the engine's view of CurrentTrack with diffusion and the replay
+// tick with the event machine. At start-up.
 void replay_init();
 
 } // namespace norvanta

@@ -209,7 +209,8 @@ constexpr int parse_exponent_limit = 100000; // far past any double; keeps the c
 
 constexpr std::size_t entry_text_limit = 24; // characters read from an entry
 constexpr double setting_limit = 9999.0;
-constexpr double slider_scale = 1000.0; // positions of the position slider
+constexpr double slider_scale = 1000.0;        // positions of the position slider
+constexpr double position_slider_step = 0.001; // of the track's distance, per position
 constexpr double metres_to_km = 0.001;
 
 // ---- the title ----
@@ -283,15 +284,89 @@ int32_t value_of_entry(int32_t entry_id) {
     return entry_id == dashboard_time_factor_entry ? time_factor_value : speed_value;
 }
 
-void entry_typed(int32_t entry_id) {
+// What a control's text gives as a setting: its number without sign, up to
+// the limit of a setting. A comma is a decimal mark, as French input has it.
+double setting_of(int32_t id) {
     char text[entry_text_limit + 1];
-    ui_control_text(entry_id, text, sizeof text);
-    double value = std::fabs(parse_number(text));
-    if (value >= setting_limit) value = setting_limit;
+    ui_control_text(id, text, sizeof text);
+    const double value = std::fabs(parse_number(text));
+    return value >= setting_limit ? setting_limit : value;
+}
+
+void entry_typed(int32_t entry_id) {
     // Kept on purpose: a truncation, not a rounding, so 0.29 (28.999... once
     // multiplied) shows as 0.28.
-    show_edited(value_of_entry(entry_id), std::trunc(value * 100.0) * 0.01);
+    show_edited(value_of_entry(entry_id), std::trunc(setting_of(entry_id) * 100.0) * 0.01);
 }
+
+// Validation reads the value static, not the entry: a value typed and then
+// dragged follows the slider. The last setting validated decides the mode.
+void validate_setting(int32_t entry_id) {
+    const int32_t value_id = value_of_entry(entry_id);
+    const double value = setting_of(value_id);
+    if (entry_id == dashboard_time_factor_entry) {
+        replay_set_time_factor(value);
+    } else {
+        replay_set_speed(value);
+    }
+    ui_set_value_look(value_id, UiValueLook::settled);
+    char text[number_text_capacity];
+    format_number(value, text, sizeof text);
+    ui_set_control_text(value_id, text);
+    refresh_dashboard();
+}
+
+// ---- the replay buttons ----
+
+// A run locks what could pull the track from under the clock (opening a
+// file, navigation, the file list, the position slider) until it pauses,
+// stops or reaches its end.
+void press_direction(int32_t direction) {
+    lock_controls(true);
+    replay_set_direction(direction);
+    replay_play();
+}
+
+void press_backward() {
+    press_direction(-1);
+}
+void press_forward() {
+    press_direction(1);
+}
+void press_pause() {
+    lock_controls(false);
+    replay_pause();
+    release_direction_buttons();
+}
+void press_stop() {
+    lock_controls(false);
+    replay_stop();
+    release_direction_buttons();
+}
+void press_time_factor_validation() {
+    validate_setting(dashboard_time_factor_entry);
+}
+void press_speed_validation() {
+    validate_setting(dashboard_speed_entry);
+}
+// The window has flipped the check before it tells of the click.
+void press_loop() {
+    replay_set_loop(ui_control_checked(dashboard_loop_button) ? 1 : 0);
+}
+
+struct ButtonRow {
+    int32_t id;
+    void (*press)();
+};
+constexpr std::array<ButtonRow, 7> button_rows = {{
+    {dashboard_backward_button, press_backward},
+    {dashboard_forward_button, press_forward},
+    {dashboard_pause_button, press_pause},
+    {dashboard_stop_button, press_stop},
+    {dashboard_time_factor_validation, press_time_factor_validation},
+    {dashboard_speed_validation, press_speed_validation},
+    {dashboard_loop_button, press_loop},
+}};
 
 // The text of a field, read back from its control into this thread's own
 // buffer for it.
@@ -423,8 +498,19 @@ void dashboard_command(int32_t id, int32_t code) {
         return;
     }
     if ((id == dashboard_time_factor_entry || id == dashboard_speed_entry) &&
-        code == entry_text_changed)
+        code == entry_text_changed) {
         entry_typed(id);
+        return;
+    }
+    for (const ButtonRow& row : button_rows) {
+        if (row.id == id) row.press();
+    }
+}
+
+void dashboard_key_down(int32_t id, int32_t key) {
+    if (key != key_return) return;
+    validate_setting(id == dashboard_time_factor_entry ? dashboard_time_factor_entry
+                                                       : dashboard_speed_entry);
 }
 
 void dashboard_slider_moved(int32_t id, int32_t code, int32_t position) {
@@ -433,6 +519,7 @@ void dashboard_slider_moved(int32_t id, int32_t code, int32_t position) {
     if (code != slider_thumb_tracking) return;
     if (id == dashboard_time_factor_slider) show_edited(time_factor_value, position);
     if (id == dashboard_speed_slider) show_edited(speed_value, position);
+    if (id == dashboard_position_slider) replay_seek(position * position_slider_step);
 }
 
 void set_title(const char* text) {

@@ -58,6 +58,7 @@ constexpr int32_t dashboard_field_id(DashboardField field) {
 inline constexpr int32_t combo_selection_changed = 1; // from the file list
 inline constexpr int32_t entry_text_changed = 768;    // from an entry
 inline constexpr int32_t slider_thumb_tracking = 5;   // from a slider
+inline constexpr int32_t key_return = 13;             // a key pressed in an entry
 
 // Makes the controls of the Dashboard through the window seam, the replay
 // controls disabled until a track is selected.
@@ -79,10 +80,12 @@ void release_direction_buttons();
 void add_file_row(const char* path, int32_t index);
 
 // Notifications of the Dashboard's controls, from the main window: a command
-// (id, code) of the file list or an entry, and a slider's move with its
-// position.
+// (id, code) of the file list, an entry or a replay button, a slider's move
+// with its position, and a key pressed in one of the two entries (Return
+// validates the setting of that entry).
 void dashboard_command(int32_t id, int32_t code);
 void dashboard_slider_moved(int32_t id, int32_t code, int32_t position);
+void dashboard_key_down(int32_t id, int32_t key);
 
 // Navigation runs: the file and navigation commands, the position slider
 // and the file list are locked, except the navigation item, which stops it.

@@ -19,6 +19,7 @@
 
 #include "core/memory.h"
 #include "core/object_store.h"
+#include "core/paged_memory.h"
 #include "core/strings.h"
 #include "platform/os.h"
 #include "platform/ui.h"
@@ -105,6 +106,7 @@ void draw_nothing() {}
 
 void idle_work() {
     purge_obj_tables();
+    compact_page_list(ui_work_pending);
 }
 
 EventHandler default_handler(int32_t event) {

@@ -15,11 +15,14 @@
 
 #include "core/memory.h"
 #include "core/object_store.h"
+#include "core/image_cache.h"
 #include "core/paged_memory.h"
 #include "diffusion/clients.h"
 #include "diffusion/sockets.h"
 #include "geodesy/tables.h"
+#include "formats/file_mobj.h"
 #include "formats/gps_model.h"
+#include "formats/xml.h"
 #include "geodesy/transforms.h"
 #include "navigation/worker.h"
 #include "platform/os.h"
@@ -144,8 +147,16 @@ void init_modules() {
     // 4; types 34 and 52 come with their modules.
     object_store_create();
     set_pending_work_test(ui_work_pending);
+    paged_memory_register();
+    // 6
+    file_objects_init();
+    image_cache_register_type();
+    // 7 is a constant table; 8
+    load_image_cache();
     // 10
     socket_startup();
+    // 12
+    xml_init();
     // 13: every conversion ends in the dictionary, so the program cannot run without it.
     geodesy_register_types();
     transforms_register_types();
@@ -212,8 +223,8 @@ void exit_path(int status) {
     diffuse_stop_at_exit();
     stop_navigation();
     ui_closing();
-    // The write-back and closing of the paged store come here, with the
-    // module that owns it.
+    save_session();
+    close_paged_store();
     std::fflush(nullptr);
     std::_Exit(status);
 }

@@ -15,6 +15,7 @@
 
 #include "core/memory.h"
 #include "core/object_store.h"
+#include "core/paged_memory.h"
 #include "core/strings.h"
 #include "formats/file_mobj.h"
 #include "shell/errors.h"
@@ -70,15 +71,9 @@ class Stream : public ::testing::Test {
             }
             del_obj(ObjectType::FileMobj, id);
         }
-        for (ObjectId id : blocks_) {
-            if (auto* block = find_obj_adr<Mobj>(id)) {
-                auto** pages = static_cast<uint8_t**>(block->data);
-                for (int32_t i = 0; i < block->page_count; ++i)
-                    free_mem(pages[i]);
-                free_mem(block->data);
-            }
+        for (ObjectId id : blocks_)
             del_obj(ObjectType::Mobj, id);
-        }
+        set_headroom_probe(nullptr);
     }
 
     FileMobj* new_file(ObjectId& id) {
@@ -106,24 +101,21 @@ class Stream : public ::testing::Test {
         testing::write_file(home_.file(name), content);
         return file_at(home_.file(name), static_cast<uint32_t>(content.size()));
     }
-    // A paged block as the paged memory lays it out; absent_page stays out of memory.
-    ObjectId memory_block(const std::string& data, int32_t page_size, int32_t absent_page = -1) {
+    // A paged block holding data; absent_page is never written, and so has
+    // never been in memory. A block made at its full size keeps all its pages
+    // in one swap file; one that grows has a swap file per page.
+    ObjectId memory_block(const std::string& data, int32_t page_size, int32_t absent_page = -1,
+                          int32_t initial_pages = 1) {
         ObjectId id = 0;
-        auto* block = static_cast<Mobj*>(cre_obj(ObjectType::Mobj, &id, nullptr));
+        Mobj* block =
+            cre_paged_mobj(id, 0, nullptr, initial_pages, page_size, PagedMode::swappable);
         blocks_.push_back(id);
-        block->page_size = page_size;
-        block->page_count = static_cast<int32_t>((data.size() + page_size - 1) / page_size);
-        block->size = static_cast<int32_t>(data.size());
-        uint8_t** pages = nullptr;
-        alloc_zero_mem(pages, sizeof(uint8_t*) * block->page_count);
-        for (int32_t i = 0; i < block->page_count; ++i) {
-            if (i == absent_page) continue;
-            alloc_zero_mem(pages[i], static_cast<std::size_t>(page_size));
-            const std::size_t from = static_cast<std::size_t>(i) * page_size;
-            std::memcpy(pages[i], data.data() + from,
-                        std::min(data.size() - from, static_cast<std::size_t>(page_size)));
+        for (int32_t offset = 0; offset < static_cast<int32_t>(data.size()); offset += page_size) {
+            if (offset / page_size == absent_page) continue;
+            int32_t length = std::min(page_size, static_cast<int32_t>(data.size()) - offset);
+            std::memcpy(write_pointer(*block, offset, length), data.data() + offset,
+                        static_cast<std::size_t>(length));
         }
-        block->data = pages;
         return id;
     }
     static const uint8_t* page_of(ObjectId block, int32_t page) {
@@ -640,6 +632,47 @@ TEST_F(Stream, MembersAndMemoryBlocks) {
     EXPECT_TRUE(same_bytes(read_all_bytes(),
                            data.substr(0, 1500) + std::string(1500, '\0') + data.substr(3000)))
         << "a page out of memory reads as zeros";
+    EXPECT_EQ(current_error(), ErrorCode::none);
+}
+
+// Pages in memory on the paged block's own terms: a page that was evicted is
+// read back, and a window into a page follows the page when it moves.
+int64_t spent_headroom() {
+    return -1;
+}
+
+TEST_F(Stream, PagedBlocksAreReadThroughTheirPages) {
+    constexpr int32_t small_page = 64;
+    constexpr int32_t pages = 6000; // enough first touches to age the first pages
+    const std::string data = patterned(small_page * pages, 5);
+    set_headroom_probe(spent_headroom);
+    const ObjectId block = memory_block(data, small_page, -1, pages);
+    set_headroom_probe(nullptr);
+    ObjectId evicted = 0;
+    new_file(evicted)->memory = block;
+    ASSERT_EQ(page_of(block, 0), nullptr) << "the first pages went to swap while the rest came";
+    ASSERT_EQ(open_stream(evicted, window, true), 0);
+    EXPECT_TRUE(same_bytes(read_all_bytes(), data)) << "pages out of memory come back from swap";
+
+    ObjectId whole = 0;
+    new_file(whole)->memory = block;
+    ASSERT_EQ(open_stream(whole, 0, true), 0);
+    EXPECT_EQ(find_obj_adr<Mobj>(block)->page_count, 1) << "the whole data asked for: one page";
+    EXPECT_EQ(current_stream().buffer, page_of(block, 0)) << "read in place";
+    EXPECT_TRUE(same_bytes(read_all_bytes(), data));
+
+    ObjectId moved = 0;
+    const std::string short_data = patterned(small_page * 4, 9);
+    const ObjectId short_block = memory_block(short_data, small_page);
+    new_file(moved)->memory = short_block;
+    ASSERT_EQ(open_stream(moved, window, true), 0);
+    set_direct();
+    char head[4]; // the first bytes of a freed page are the first overwritten
+    read_bytes(head, sizeof head);
+    EXPECT_EQ(current_stream().buffer, page_of(short_block, 0));
+    flatten(*find_obj_adr<Mobj>(short_block));
+    EXPECT_TRUE(same_bytes(read_all_bytes(), short_data.substr(sizeof head)))
+        << "the window pointed into a page that the flatten freed";
     EXPECT_EQ(current_error(), ErrorCode::none);
 }
 
