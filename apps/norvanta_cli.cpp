@@ -14,6 +14,7 @@
 #include "shell/command_line.h"
 #include "shell/config.h"
 #include "shell/events.h"
+#include "shell/file_commands.h"
 #include "shell/main.h"
 #include "shell/menu.h"
 #include "version.h"
@@ -40,6 +41,11 @@ constexpr const char* help_text =
     "  --no-diffusion     start with diffusion off: nothing is sent to the clients\n"
     "  --list-clients     print the active and inactive clients with their slot\n"
     "                     numbers and addresses, then exit\n"
+    "  --info FILE...     print what each file holds (format, counts, times),\n"
+    "                     in the language of the configuration, then exit\n"
+    "  --export-nmea FILE OUT\n"
+    "                     write the waypoints, routes, tracks and logs of FILE to\n"
+    "                     OUT as an NMEA log, then exit\n"
     "  --status=STYLE     what to print of each shown position: 'line' keeps one\n"
     "                     line up to date (the default on a terminal), 'tsv' prints\n"
     "                     one tab-separated line per position (mode, distance km,\n"
@@ -76,6 +82,26 @@ struct ClientOptions {
 };
 ClientOptions client_options;
 
+// The file commands run once the program is up, instead of the message loop.
+struct FileCommands {
+    bool info = false;
+    std::vector<const char*> info_files;
+    const char* export_input = nullptr;
+    const char* export_output = nullptr;
+};
+FileCommands file_commands;
+
+// Runs the file commands and ends the program; the status is 1 when one of
+// them failed.
+void run_file_commands() {
+    int status = 0;
+    for (const char* path : file_commands.info_files)
+        status |= norvanta::print_file_information(path, stdout, stderr);
+    if (file_commands.export_input)
+        status |= norvanta::export_file_nmea(file_commands.export_input,
+                                             file_commands.export_output, stderr);
+    norvanta::exit_path(status);
+}
 constexpr int32_t largest_port = 65535;
 
 // "HOST:PORT", split at the last colon; the port is decimal digits. A port
@@ -110,6 +136,7 @@ void after_command_line(const norvanta::CommandLine& line) {
     for (const ClientOptions::Client& client : client_options.extra)
         norvanta::add_client(client.host.c_str(), client.port, nullptr, nullptr);
     if (!client_options.extra.empty()) norvanta::refresh_snapshot();
+    if (file_commands.info || file_commands.export_input) run_file_commands();
     if (client_options.list_clients) {
         norvanta::print_client_lists(stdout);
         norvanta::exit_path(0);
@@ -182,6 +209,20 @@ int main(int argc, char** argv) {
             }
             continue;
         }
+        if (is_option(token, "--info")) {
+            file_commands.info = true;
+            continue;
+        }
+        if (is_option(token, "--export-nmea")) {
+            if (i + 2 >= argc) {
+                std::fprintf(stderr, "%s: option '--export-nmea' needs FILE and OUT\n",
+                             program_file_name);
+                return usage_error_status;
+            }
+            file_commands.export_input = argv[++i];
+            file_commands.export_output = argv[++i];
+            continue;
+        }
         if (is_option(token, "--client") || std::strncmp(token, "--client=", 9) == 0) {
             const char* value = token[8] == '=' ? token + 9 : (i + 1 < argc ? argv[++i] : nullptr);
             ClientOptions::Client client;
@@ -198,6 +239,18 @@ int main(int argc, char** argv) {
             return usage_error_status;
         }
         tokens.push_back(token);
+    }
+    // With --info the files on the line are the ones to describe, not to load.
+    if (file_commands.info) {
+        std::erase_if(tokens, [](const char* token) {
+            if (norvanta::is_navigation_token(token)) return false;
+            file_commands.info_files.push_back(token);
+            return true;
+        });
+    }
+    if (file_commands.info && file_commands.info_files.empty()) {
+        std::fprintf(stderr, "%s: option '--info' needs at least one file\n", program_file_name);
+        return usage_error_status;
     }
 
     if (config_file) norvanta::config_use_file(config_file);

@@ -22,6 +22,7 @@
 #include "geodesy/tables.h"
 #include "formats/file_mobj.h"
 #include "formats/gps_model.h"
+#include "formats/gpx.h"
 #include "formats/xml.h"
 #include "geodesy/transforms.h"
 #include "navigation/worker.h"
@@ -170,6 +171,8 @@ void init_modules() {
     // 18: the keyword table is constant data.
     nav_point_register_type();
     replay_init();
+    // 19
+    gpx_init();
     // 21
     month_table_init();
     // 22
