@@ -2,6 +2,7 @@
 // hands everything else to the start-up's command-line walk, and then runs
 // the engine until Ctrl-C or SIGTERM.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@
 #include "shell/config.h"
 #include "shell/events.h"
 #include "shell/file_commands.h"
+#include "shell/playback_options.h"
 #include "shell/main.h"
 #include "shell/menu.h"
 #include "version.h"
@@ -46,6 +48,20 @@ constexpr const char* help_text =
     "  --export-nmea FILE OUT\n"
     "                     write the waypoints, routes, tracks and logs of FILE to\n"
     "                     OUT as an NMEA log, then exit\n"
+    "\n"
+    "Replay of the files given (each file becomes a track; the last one loaded\n"
+    "is played unless --select says otherwise):\n"
+    "  --play             play forward once the files are loaded\n"
+    "  --backward         play backward\n"
+    "  --factor X         time factor: X seconds of the track per second\n"
+    "  --speed KMH        replay at this speed in km/h instead of the track's times\n"
+    "                     (wins over --factor)\n"
+    "  --loop             start over at the end\n"
+    "  --seek FRACTION    start from this fraction of the track's length (0 to 1)\n"
+    "  --select N         play track N (0 is the first file loaded)\n"
+    "  --exit-at-end      end the program when the track ends and its STOP mark\n"
+    "                     has gone out\n"
+    "\n"
     "  --status=STYLE     what to print of each shown position: 'line' keeps one\n"
     "                     line up to date (the default on a terminal), 'tsv' prints\n"
     "                     one tab-separated line per position (mode, distance km,\n"
@@ -91,6 +107,54 @@ struct FileCommands {
 };
 FileCommands file_commands;
 
+bool playback_asked = false;
+norvanta::PlaybackOptions playback;
+
+// The replay options that take a number, with the range they accept.
+struct NumberOption {
+    const char* name;
+    double low;
+    double high;
+    void (*store)(double value);
+};
+constexpr double largest_setting = 9999.0; // the Dashboard's own limit
+constexpr NumberOption number_options[] = {
+    {"--factor", 0.01, largest_setting, [](double v) { playback.time_factor = v; }},
+    {"--speed", 0.01, largest_setting, [](double v) { playback.speed_kmh = v; }},
+    {"--seek", 0.0, 1.0, [](double v) { playback.seek_fraction = v; }},
+    {"--select", 0.0, largest_setting, [](double v) { playback.select = static_cast<int32_t>(v); }},
+};
+
+bool option_named(const char* token, const char* name) {
+    const std::size_t length = std::strlen(name);
+    return std::strncmp(token, name, length) == 0 &&
+           (token[length] == '\0' || token[length] == '=');
+}
+
+const NumberOption* number_option_of(const char* token) {
+    for (const NumberOption& option : number_options)
+        if (option_named(token, option.name)) return &option;
+    return nullptr;
+}
+
+// The value from "--name=V" or the next argument; false with a message when
+// it is missing or not a number in the option's range.
+bool number_option(int argc, char** argv, int& i, const NumberOption& option, double& out) {
+    const char* token = argv[i];
+    const std::size_t length = std::strlen(option.name);
+    const char* text =
+        token[length] == '=' ? token + length + 1 : (i + 1 < argc ? argv[++i] : nullptr);
+    char* end = nullptr;
+    const double value = text ? std::strtod(text, &end) : 0.0;
+    if (!text || end == text || *end != '\0' || !(value >= option.low && value <= option.high)) {
+        std::fprintf(stderr, "%s: option '%s' needs a number from %g to %g\n", program_file_name,
+                     option.name, option.low, option.high);
+        return false;
+    }
+    out = value;
+    return true;
+}
+
 // Runs the file commands and ends the program; the status is 1 when one of
 // them failed.
 void run_file_commands() {
@@ -129,9 +193,9 @@ bool navigation_link_known(const std::string& text) {
     return true;
 }
 
-// Once the client lists are loaded and the line is walked: the client
-// options, then what the walk was given that this build cannot do yet, each
-// in one line.
+// Once the client lists are loaded and the line is walked: the file
+// commands, the client options, a link name that names nothing, the status
+// output and the replay options.
 void after_command_line(const norvanta::CommandLine& line) {
     for (const ClientOptions::Client& client : client_options.extra)
         norvanta::add_client(client.host.c_str(), client.port, nullptr, nullptr);
@@ -145,11 +209,6 @@ void after_command_line(const norvanta::CommandLine& line) {
         norvanta::ui_menu_check(norvanta::menu_diffusion, false);
         norvanta::set_diffusion(0);
     }
-    if (line.files_queued > 0 && !norvanta::event_has_handler(norvanta::event_load_file))
-        std::fprintf(stderr,
-                     "%s: %d file(s) queued, but this build cannot load files yet; "
-                     "they are not replayed\n",
-                     program_file_name, static_cast<int>(line.files_queued));
     if (line.navigation_named && !navigation_link_known(line.link_text))
         std::fprintf(stderr,
                      "%s: \"%s\" names no link: give a serial device path, COM<n> or "
@@ -157,6 +216,7 @@ void after_command_line(const norvanta::CommandLine& line) {
                      program_file_name, line.link_text.c_str());
     std::fflush(stderr);
     norvanta::set_status_style(client_options.status);
+    if (playback_asked) norvanta::schedule_playback(playback);
 }
 
 } // namespace
@@ -207,6 +267,23 @@ int main(int argc, char** argv) {
                              program_file_name);
                 return usage_error_status;
             }
+            continue;
+        }
+        if (is_option(token, "--play") || is_option(token, "--backward")) {
+            playback.direction = is_option(token, "--play") ? 1 : -1;
+            playback_asked = true;
+            continue;
+        }
+        if (is_option(token, "--loop") || is_option(token, "--exit-at-end")) {
+            (is_option(token, "--loop") ? playback.loop : playback.exit_at_end) = true;
+            playback_asked = true;
+            continue;
+        }
+        if (const NumberOption* option = number_option_of(token)) {
+            double value = 0.0;
+            if (!number_option(argc, argv, i, *option, value)) return usage_error_status;
+            option->store(value);
+            playback_asked = true;
             continue;
         }
         if (is_option(token, "--info")) {

@@ -73,6 +73,7 @@ constexpr double kmh_to_metres_per_second = 0.2777777777777778;
 constexpr double seconds_per_day = 86400.0;
 
 std::atomic<ReplayClock> replay_clock{now_julian};
+std::atomic<void (*)()> end_listener{nullptr};
 
 void present_time(JulianTime& out) {
     replay_clock.load()(out);
@@ -126,6 +127,7 @@ void end_of_run(ReplayTrack& track) {
     release_direction_buttons();
     diffuse_stop();
     lock_controls(false);
+    if (void (*listener)() = end_listener.load()) listener();
 }
 
 // A new setting of the clock: a running clock is paused first and started
@@ -145,6 +147,10 @@ void change_setting(double ReplayTrack::*field, int32_t mode, double value) {
 void replay_init() {
     set_current_track_test(current_track_test);
     set_event_handler(event_replay_tick, replay_tick);
+}
+
+void set_replay_end_listener(void (*listener)()) {
+    end_listener.store(listener);
 }
 
 void set_replay_clock(ReplayClock now) {

@@ -97,6 +97,10 @@ void replay_tick();
 // of their own in; null gives now_julian back.
 using ReplayClock = void (*)(JulianTime& out);
 void set_replay_clock(ReplayClock now);
+// Told on the UI thread when a run has ended by itself (the track's end
+// without loop), after its STOP mark; null for no one. The program with no
+// window ends there when asked to.
+void set_replay_end_listener(void (*listener)());
 
 // Sends text, or the point's own text when text is null, when diffusion is
 // on; makes the point current_point and shows it.

@@ -28,6 +28,9 @@ inline constexpr int32_t event_live_fix = 10;  // a live fix is waiting
 inline constexpr int32_t event_load_file = 14; // load a file; data "1" or "0" then the path
 inline constexpr int32_t event_replay_tick = 16;
 inline constexpr int32_t event_send_list = 17; // refresh the list of clients
+// The playback asked for on the command line, served after the files that
+// the same line queued, since events wait their turn in order of arrival.
+inline constexpr int32_t event_command_line_playback = 18;
 
 // Values of a state word. 3 and above: the event waits its turn, and the
 // number is its place in the waiting order (lowest first).

@@ -28,6 +28,7 @@
 #include "navigation/worker.h"
 #include "platform/os.h"
 #include "platform/ui.h"
+#include "replay/conversion.h"
 #include "replay/engine.h"
 #include "shell/config.h"
 #include "shell/dashboard.h"
@@ -171,6 +172,7 @@ void init_modules() {
     // 18: the keyword table is constant data.
     nav_point_register_type();
     replay_init();
+    conversion_init();
     // 19
     gpx_init();
     // 21

@@ -130,7 +130,6 @@ TEST(Cli, SignalsEndTheProgramCleanlyAfterAOneLineReportOfWhatItCannotDo) {
         {"SIGTERM", {}, SIGTERM, 0, ""},
         {"SIGINT", {}, SIGINT, 0, ""},
         {"a missing file is ignored without a word", {"@missing.gpx"}, SIGTERM, 0, ""},
-        {"a file is queued, but cannot be loaded yet", {"@track.gpx"}, SIGTERM, 1, "1 file"},
         {"a link name that names no link is told",
          {"-NAVIGLOGFOO", "-COMSPEED4800"},
          SIGINT,
@@ -140,7 +139,6 @@ TEST(Cli, SignalsEndTheProgramCleanlyAfterAOneLineReportOfWhatItCannotDo) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.description);
         TestHome home;
-        testing::write_file(home.file("track.gpx"), "<gpx/>");
         std::vector<std::string> args;
         for (const std::string& arg : row.args)
             args.push_back(arg[0] == '@' ? home.file(arg.substr(1)) : arg);
@@ -244,6 +242,64 @@ TEST(Cli, RelaysAUdpSourceToItsClientsUntilASignal) {
     EXPECT_EQ(outcome.out,
               "Navigation\t0.00\t0:00:00\tE 011.516667\tN  48.117300\t545.4\t41.48\t084.40\t8\n");
     EXPECT_EQ(outcome.err, "");
+}
+
+// A file replayed to the end: the clients get START, the sentences of the
+// track in order, and STOP; with --exit-at-end the program then ends by
+// itself, after the exit path's own STOP.
+TEST(Cli, PlaysAFileToTheEndAndExits) {
+    TestHome home;
+    testing::write_file(home.file("play.cfg"), "INACTIVE_NMEA_UDP_DIFFUSE_ADR1 localhost 7551\n"
+                                               "INACTIVE_NMEA_UDP_DIFFUSE_ADR2 localhost 7552\n");
+    std::string gpx = "<?xml version=\"1.0\"?>\n<gpx version=\"1.1\"><trk><trkseg>\n";
+    for (int i = 0; i < 30; ++i)
+        gpx += "<trkpt lat=\"45." + std::to_string(100 + i) +
+               "\" lon=\"5.5\"><ele>10</ele>"
+               "<time>2024-06-15T10:00:" +
+               (i < 10 ? "0" : "") + std::to_string(i) + "Z</time></trkpt>\n";
+    testing::write_file(home.file("play.gpx"), gpx + "</trkseg></trk></gpx>\n");
+    testing::UdpListener client;
+    const testing::Outcome outcome =
+        testing::run_cli(home, {"--config", home.file("play.cfg"), "--client",
+                                "127.0.0.1:" + std::to_string(client.port()), home.file("play.gpx"),
+                                "--play", "--factor", "20", "--exit-at-end", "--status=none"});
+    EXPECT_TRUE(outcome.exited);
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    const std::vector<std::string> received = client.drain();
+    const std::string start = "$PKLNT,START*21\r\n";
+    const std::string stop = "$PKLNT,STOP*79\r\n";
+    const auto first = std::find(received.begin(), received.end(), start);
+    ASSERT_NE(first, received.end()) << "no START mark";
+    std::string last_time;
+    auto at = first + 1;
+    for (; at != received.end() && *at != stop; ++at) {
+        const std::size_t rmc = at->find("$GPRMC,");
+        ASSERT_NE(rmc, std::string::npos) << *at;
+        const std::string time = at->substr(rmc + 7, 6);
+        EXPECT_GE(time, last_time) << "out of track order";
+        last_time = time;
+    }
+    EXPECT_EQ(last_time, "100028") << "the end of the track went out (the last epoch stays out)";
+    ASSERT_NE(at, received.end()) << "no STOP at the end of the track";
+    EXPECT_EQ(std::vector<std::string>(at, received.end()), (std::vector<std::string>{stop, stop}))
+        << "the end's STOP, then the exit path's";
+}
+
+// The replay options wait for the files: a file that holds no track gets
+// its loading box first, and with nothing to play the program says so and
+// ends with status 1.
+TEST(Cli, AFileWithNoTrackIsToldAndThereIsNothingToPlay) {
+    TestHome home;
+    testing::write_file(home.file("english.cfg"), "LANG ENGLISH\n");
+    testing::write_file(home.file("track.gpx"), "<gpx/>");
+    const testing::Outcome outcome =
+        testing::run_cli(home, {"--config", home.file("english.cfg"), home.file("track.gpx"),
+                                "--play", "--exit-at-end"});
+    EXPECT_TRUE(outcome.exited);
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_EQ(outcome.err, "Loading error: " + home.file("track.gpx") +
+                               "\nUnkown File Format\nNorvanta: no track to play: no file was "
+                               "loaded as a track\n");
 }
 
 TEST(Cli, NoDiffusionAndExtraClientsRunUntilASignal) {

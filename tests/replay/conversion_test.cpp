@@ -21,6 +21,8 @@
 #include "core/object_sets.h"
 #include "core/object_store.h"
 #include "core/strings.h"
+#include "formats/detection.h"
+#include "formats/file_mobj.h"
 #include "formats/gps_model.h"
 #include "geodesy/tables.h"
 #include "navigation/nmea_writer.h"
@@ -529,6 +531,202 @@ TEST_F(Conversion, GpsbabelReadsTheSamePositions) {
         EXPECT_NEAR(read[i].longitude, points[i].first, written_degrees_tolerance);
         EXPECT_NEAR(read[i].latitude, points[i].second, written_degrees_tolerance);
         EXPECT_EQ(read[i].time, "23:59:5" + std::to_string(i));
+    }
+}
+
+// ---- a file to NavPoints ----
+
+class NavPoints : public Conversion {
+  protected:
+    // The file (a log or any GPS file) through the whole preparation; its
+    // NavPoints in time order.
+    std::vector<NavPoint*> prepare_text(const std::string& name, const std::string& text) {
+        const std::string path = place_.file(name);
+        testing::write_file(path, text);
+        testing::drop_file(file_);
+        file_ = detect_format(testing::disk_file(path), 0, false);
+        prepare_nav_points(file_);
+        std::vector<NavPoint*> points = members<NavPoint>(file_data_set_of(file_));
+        std::sort(points.begin(), points.end(),
+                  [](const NavPoint* a, const NavPoint* b) { return a->time < b->time; });
+        return points;
+    }
+    void TearDown() override {
+        testing::drop_file(file_);
+        Conversion::TearDown();
+    }
+    ObjectId file_ = 0;
+};
+
+std::vector<long> seconds_of(const std::vector<NavPoint*>& points) {
+    std::vector<long> seconds;
+    for (const NavPoint* point : points)
+        seconds.push_back(std::lround(point->time / one_second_days));
+    return seconds;
+}
+
+// A north-bound walk: latitude in minutes from 45 degrees 30 minutes, so
+// that one minute is about 1852 metres.
+std::string walk(const char* time, double minutes) {
+    char latitude[32];
+    std::snprintf(latitude, sizeof latitude, "%09.4f", 4530.0 + minutes);
+    return gga(time, latitude, "00130.0000");
+}
+
+TEST_F(NavPoints, EpochsOfLogsBecomeNavPoints) {
+    const struct {
+        const char* description;
+        std::string log;
+        std::vector<long> seconds;     // time of each NavPoint
+        std::vector<double> distances; // metres, about
+        int stop_marks;                // points holding the STOP sentence
+    } cases[] = {
+        {"one epoch, never closed, gives none",
+         walk("120000", 0.0) + walk("120000", 0.0),
+         {},
+         {},
+         0},
+        {"the first epoch has no speed and the last never closes",
+         walk("120000", 0.0) + walk("120001", 0.01) + walk("120002", 0.02),
+         {1},
+         {18.5},
+         0},
+        {"a jump above 2000 km/h drops its epoch; the next is measured from the last good one",
+         walk("120000", 0.0) + walk("120001", 0.01) + walk("120002", 1.0) + walk("120003", 0.012) +
+             walk("120004", 0.03),
+         {1, 3},
+         {18.5, 22.2},
+         0},
+        {"a midnight without dates keeps the scale going",
+         walk("235958", 0.0) + walk("235959", 0.01) + walk("000000", 0.02) + walk("000001", 0.03),
+         {1, 2},
+         {18.5, 37.0},
+         0},
+        {"a time within a tenth of a second joins the epoch",
+         walk("120000", 0.0) + walk("120001", 0.01) + walk("120001.05", 0.01) +
+             walk("120002", 0.02),
+         {1},
+         {18.5},
+         0},
+        {"a STOP lands in the epoch that ends next",
+         walk("120000", 0.0) + walk("120001", 0.01) + walk("120002", 0.02) + stop_mark_sentence() +
+             walk("120003", 0.03) + walk("120004", 0.04),
+         {1, 2, 3},
+         {18.5, 37.0, 55.5},
+         1},
+        {"the STOP of the last epoch is lost with it",
+         walk("120000", 0.0) + walk("120001", 0.01) + walk("120002", 0.02) + stop_mark_sentence(),
+         {1},
+         {18.5},
+         0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.description);
+        const std::vector<NavPoint*> points = prepare_text("log.nmea", c.log);
+        EXPECT_EQ(current_error(), ErrorCode::none);
+        EXPECT_EQ(seconds_of(points), c.seconds);
+        int stop_marks = 0;
+        for (std::size_t i = 0; i < points.size(); ++i) {
+            if (i < c.distances.size()) {
+                EXPECT_NEAR(points[i]->distance, c.distances[i], c.distances[i] * 0.02) << i;
+            }
+            ASSERT_NE(points[i]->text, nullptr);
+            if (std::strstr(points[i]->text, stop_mark_sentence())) {
+                ++stop_marks;
+                EXPECT_EQ(points[i]->mark, 2);
+            }
+            // The line that closed an epoch is cut from it; a line of the
+            // same tenth of a second stays.
+            const bool joined = std::strstr(points[i]->text, "120001.05") != nullptr;
+            EXPECT_EQ(std::string(points[i]->text).rfind("$GPGGA") != 0, joined) << points[i]->text;
+        }
+        EXPECT_EQ(stop_marks, c.stop_marks);
+    }
+}
+
+// Two epochs a minute apart, far enough (about 300 m) or not at all.
+TEST_F(NavPoints, LongGapsAreFilledOnlyWhereTheTrackMoves) {
+    const struct {
+        const char* description;
+        double second_step_minutes;
+        std::size_t filled;
+    } cases[] = {
+        {"300 m in 59 s: a point every 4.99 s, each over 5 m", 0.162, 12},
+        {"a pause adds nothing", 0.0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.description);
+        const std::vector<NavPoint*> points = prepare_text(
+            "gap.nmea", walk("120000", 0.0) + walk("120100", 0.162) +
+                            walk("120200", 0.162 + c.second_step_minutes) + walk("120300", 0.5));
+        ASSERT_EQ(points.size(), 2 + c.filled);
+        EXPECT_EQ(seconds_of({points.front(), points.back()}), (std::vector<long>{60, 120}));
+        const NavPoint& a = *points.front();
+        const NavPoint& b = *points.back();
+        for (std::size_t i = 1; i + 1 < points.size(); ++i) {
+            const NavPoint& fill = *points[i];
+            EXPECT_GE(fill.distance, points[i - 1]->distance + 5.0) << i;
+            EXPECT_GT(fill.latitude, a.latitude) << i;
+            EXPECT_LT(fill.latitude, b.latitude) << i;
+            EXPECT_EQ(fill.speed, std::trunc(fill.speed * 100.0) * 0.01) << i;
+            ASSERT_NE(fill.text, nullptr);
+            EXPECT_EQ(std::string(fill.text).rfind("$GPGGA,,", 0), 0u) << "no time field";
+        }
+    }
+}
+
+std::string gpx_track(bool with_times) {
+    std::string text =
+        "<?xml version=\"1.0\"?>\n<gpx version=\"1.1\" creator=\"test\" "
+        "xmlns=\"http://www.topografix.com/GPX/1/1\">\n<trk><name>T</name><trkseg>\n";
+    for (int i = 0; i < 4; ++i) {
+        char point[200];
+        std::snprintf(
+            point, sizeof point, "<trkpt lat=\"%.6f\" lon=\"1.5\">%s</trkpt>\n", 45.5 + i * 0.001,
+            with_times
+                ? ("<time>2021-03-14T12:00:" + std::to_string(10 + i * 10) + "Z</time>").c_str()
+                : "");
+        text += point;
+    }
+    return text + "</trkseg></trk>\n</gpx>\n";
+}
+
+TEST_F(NavPoints, GpxFilesBecomeLogsAndPlay) {
+    {
+        SCOPED_TRACE("a timed track keeps its times, its sentences carrying them");
+        const std::vector<NavPoint*> points = prepare_text("timed.gpx", gpx_track(true));
+        EXPECT_EQ(file_format_of(file_), FileFormat::nmea_log);
+        std::vector<NavPoint*> real;
+        for (NavPoint* point : points)
+            if (point->text && std::strstr(point->text, "$GPRMC,1200")) real.push_back(point);
+        EXPECT_EQ(seconds_of(real), (std::vector<long>{10, 20}));
+        if (real.size() == 2) {
+            EXPECT_NE(std::strstr(real[0]->text, "$GPRMC,120020"), nullptr) << real[0]->text;
+            EXPECT_NEAR(real[1]->distance - real[0]->distance, 111.1, 2.0);
+        }
+    }
+    {
+        SCOPED_TRACE("a track without times plays at 27 knots");
+        const std::vector<NavPoint*> points = prepare_text("untimed.gpx", gpx_track(false));
+        ASSERT_FALSE(points.empty());
+        const NavPoint& last = *points.back();
+        EXPECT_NEAR(last.speed, 27 * 1.852, 0.01);
+        // The clock is a packed date: its last digits are about this fine.
+        EXPECT_NEAR(last.time, last.distance * invented_day_per_metre, 1e-8);
+    }
+    {
+        SCOPED_TRACE("waypoints alone become a log without NavPoints");
+        const std::vector<NavPoint*> points = prepare_text(
+            "points.gpx", "<?xml version=\"1.0\"?>\n<gpx version=\"1.1\" creator=\"t\">"
+                          "<wpt lat=\"45.5\" lon=\"1.5\"><name>A</name></wpt></gpx>\n");
+        EXPECT_EQ(file_format_of(file_), FileFormat::nmea_log);
+        EXPECT_TRUE(points.empty());
+    }
+    {
+        SCOPED_TRACE("a file without GPS data is left as it is");
+        prepare_text("empty.gpx", "<?xml version=\"1.0\"?>\n<gpx version=\"1.1\"></gpx>\n");
+        EXPECT_EQ(file_format_of(file_), FileFormat::gpx);
+        EXPECT_EQ(current_error(), ErrorCode::none);
     }
 }
 
