@@ -16,4 +16,4 @@ ensure_packages() {
 }
 
 build_packages=(g++ cmake ninja-build)
-test_packages=(libgtest-dev libgmock-dev proj-bin gpsbabel)
+test_packages=(libgtest-dev libgmock-dev proj-bin gpsbabel gpsd gpsd-clients)
