@@ -10,9 +10,9 @@
 #include <cstdlib>
 #include <string>
 
-#include <sys/resource.h>
-
 #include <benchmark/benchmark.h>
+
+#include "bench_support.h"
 
 #include "core/object_sets.h"
 #include "core/object_store.h"
@@ -29,21 +29,6 @@ namespace {
 
 constexpr const char* gpx_variable = "NORVANTA_BENCH_GPX";
 
-double peak_resident_mib() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
-
-bool modules_ready() {
-    static const bool ready = [] {
-        locate_program();
-        init_modules();
-        return !error_pending();
-    }();
-    return ready;
-}
-
 // Loads the file anew; the DataSet, or 0.
 ObjectId load(const char* path, ObjectId& out_file) {
     out_file = open_path(path);
@@ -52,7 +37,7 @@ ObjectId load(const char* path, ObjectId& out_file) {
 
 void BM_LoadGpx(benchmark::State& state) {
     const char* path = std::getenv(gpx_variable);
-    if (!path || !modules_ready()) return state.SkipWithError("set NORVANTA_BENCH_GPX");
+    if (!path || !bench::modules_ready()) return state.SkipWithError("set NORVANTA_BENCH_GPX");
     int32_t points = 0;
     for (auto _ : state) {
         ObjectId file = 0;
@@ -66,13 +51,13 @@ void BM_LoadGpx(benchmark::State& state) {
     state.counters["points"] = points;
     state.counters["points_per_second"] = benchmark::Counter(
         static_cast<double>(points), benchmark::Counter::kIsIterationInvariantRate);
-    state.counters["peak_MiB"] = peak_resident_mib();
+    state.counters["peak_MiB"] = bench::peak_resident_mib();
 }
 BENCHMARK(BM_LoadGpx)->Unit(benchmark::kMillisecond)->Iterations(1);
 
 void BM_LoadGpxAndWriteNmeaInMemory(benchmark::State& state) {
     const char* path = std::getenv(gpx_variable);
-    if (!path || !modules_ready()) return state.SkipWithError("set NORVANTA_BENCH_GPX");
+    if (!path || !bench::modules_ready()) return state.SkipWithError("set NORVANTA_BENCH_GPX");
     int64_t bytes = 0;
     for (auto _ : state) {
         ObjectId file = 0;
@@ -87,7 +72,7 @@ void BM_LoadGpxAndWriteNmeaInMemory(benchmark::State& state) {
         state.ResumeTiming();
     }
     state.counters["nmea_bytes"] = static_cast<double>(bytes);
-    state.counters["peak_MiB"] = peak_resident_mib();
+    state.counters["peak_MiB"] = bench::peak_resident_mib();
 }
 BENCHMARK(BM_LoadGpxAndWriteNmeaInMemory)->Unit(benchmark::kMillisecond)->Iterations(1);
 

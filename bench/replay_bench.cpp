@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <string>
 
-#include <sys/resource.h>
-
 #include <benchmark/benchmark.h>
+
+#include "bench_support.h"
 
 #include "core/object_sets.h"
 #include "core/object_store.h"
@@ -27,29 +27,14 @@ namespace {
 
 constexpr const char* gpx_variable = "NORVANTA_BENCH_GPX";
 
-double resident_mib() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
-
-bool modules_ready() {
-    static const bool ready = [] {
-        locate_program();
-        init_modules();
-        return !error_pending();
-    }();
-    return ready;
-}
-
 // The track of the benchmark file, made once: -1 when it could not be.
 int32_t track_index = -1;
 int32_t track_points = 0;
 
 void BM_FileToReadyTrack(benchmark::State& state) {
     const char* path = std::getenv(gpx_variable);
-    if (!path || !modules_ready()) return state.SkipWithError("set NORVANTA_BENCH_GPX");
-    const double resident_before = resident_mib();
+    if (!path || !bench::modules_ready()) return state.SkipWithError("set NORVANTA_BENCH_GPX");
+    const double resident_before = bench::peak_resident_mib();
     for (auto _ : state) {
         ObjectId file = new_file_mobj(0, nullptr, path, false);
         file = detect_format(file, 0, false);
@@ -60,9 +45,9 @@ void BM_FileToReadyTrack(benchmark::State& state) {
         track_points = ds_count(data_set, ObjectType::NavPoint);
     }
     state.counters["nav_points"] = track_points;
-    state.counters["peak_MiB"] = resident_mib();
-    state.counters["bytes_per_point"] =
-        (resident_mib() - resident_before) * 1024.0 * 1024.0 / (track_points ? track_points : 1);
+    state.counters["peak_MiB"] = bench::peak_resident_mib();
+    state.counters["bytes_per_point"] = (bench::peak_resident_mib() - resident_before) * 1024.0 *
+                                        1024.0 / (track_points ? track_points : 1);
 }
 BENCHMARK(BM_FileToReadyTrack)->Unit(benchmark::kMillisecond)->Iterations(1);
 

@@ -16,12 +16,13 @@
 
 #include "core/pair_list.h"
 #include "diffusion/sockets.h"
+#include "navigation/nmea_writer.h"
 
 namespace norvanta {
 
-// Marks framing a stream, each a sentence of its own with its line end.
-inline constexpr char diffuse_start_mark[] = "$PKLNT,START*21\r\n";
-inline constexpr char diffuse_stop_mark[] = "$PKLNT,STOP*79\r\n";
+// Marks framing a stream: the writer's.
+inline constexpr const auto& diffuse_start_mark = start_mark_text;
+inline constexpr const auto& diffuse_stop_mark = stop_mark_text;
 
 // The default clients: localhost, ports 7551 to 7559, the first two active.
 inline constexpr const char* default_client_host = "localhost";

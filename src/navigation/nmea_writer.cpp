@@ -29,9 +29,6 @@ namespace norvanta {
 
 namespace {
 
-constexpr const char* start_mark_text = "$PKLNT,START*21\r\n";
-constexpr const char* stop_mark_text = "$PKLNT,STOP*79\r\n";
-
 // The mark sentences as the log writes them, before their tails.
 constexpr const char* start_mark_body = "$PKLNT,START";
 constexpr const char* stop_mark_body = "$PKLNT,STOP";

@@ -37,7 +37,10 @@ uint8_t nmea_checksum(const char* text);
 // Fills tail with the checksum tail of a sentence given with its '$'.
 void format_checksum_tail(const char* sentence, char* tail);
 
-// "$PKLNT,START*21\r\n" and "$PKLNT,STOP*79\r\n".
+// The marks that frame a stream for the clients, each a sentence of its own
+// with its tail and line end.
+inline constexpr char start_mark_text[] = "$PKLNT,START*21\r\n";
+inline constexpr char stop_mark_text[] = "$PKLNT,STOP*79\r\n";
 const char* start_mark_sentence();
 const char* stop_mark_sentence();
 
