@@ -2,7 +2,6 @@
 // hands everything else to the start-up's command-line walk, and then runs
 // the engine until Ctrl-C or SIGTERM.
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -11,14 +10,11 @@
 #include "diffusion/clients.h"
 #include "navigation/worker.h"
 #include "platform/headless/status_output.h"
-#include "platform/ui.h"
 #include "shell/command_line.h"
 #include "shell/config.h"
-#include "shell/events.h"
 #include "shell/file_commands.h"
-#include "shell/playback_options.h"
+#include "shell/program_options.h"
 #include "shell/main.h"
-#include "shell/menu.h"
 #include "version.h"
 
 namespace {
@@ -85,18 +81,14 @@ bool is_option(const char* token, const char* name) {
     return std::strcmp(token, name) == 0;
 }
 
-// The client options act once the lists are loaded, before the message loop.
-struct ClientOptions {
-    struct Client {
-        std::string host;
-        int32_t port;
-    };
-    std::vector<Client> extra;
-    bool no_diffusion = false;
+// What only this program takes beside the common options.
+struct CliOptions {
+    bool print_config = false;
     bool list_clients = false;
     norvanta::StatusStyle status = norvanta::status_style_default();
 };
-ClientOptions client_options;
+CliOptions cli_options;
+norvanta::CommonOptions common_options;
 
 // The file commands run once the program is up, instead of the message loop.
 struct FileCommands {
@@ -106,54 +98,6 @@ struct FileCommands {
     const char* export_output = nullptr;
 };
 FileCommands file_commands;
-
-bool playback_asked = false;
-norvanta::PlaybackOptions playback;
-
-// The replay options that take a number, with the range they accept.
-struct NumberOption {
-    const char* name;
-    double low;
-    double high;
-    void (*store)(double value);
-};
-constexpr double largest_setting = 9999.0; // the Dashboard's own limit
-constexpr NumberOption number_options[] = {
-    {"--factor", 0.01, largest_setting, [](double v) { playback.time_factor = v; }},
-    {"--speed", 0.01, largest_setting, [](double v) { playback.speed_kmh = v; }},
-    {"--seek", 0.0, 1.0, [](double v) { playback.seek_fraction = v; }},
-    {"--select", 0.0, largest_setting, [](double v) { playback.select = static_cast<int32_t>(v); }},
-};
-
-bool option_named(const char* token, const char* name) {
-    const std::size_t length = std::strlen(name);
-    return std::strncmp(token, name, length) == 0 &&
-           (token[length] == '\0' || token[length] == '=');
-}
-
-const NumberOption* number_option_of(const char* token) {
-    for (const NumberOption& option : number_options)
-        if (option_named(token, option.name)) return &option;
-    return nullptr;
-}
-
-// The value from "--name=V" or the next argument; false with a message when
-// it is missing or not a number in the option's range.
-bool number_option(int argc, char** argv, int& i, const NumberOption& option, double& out) {
-    const char* token = argv[i];
-    const std::size_t length = std::strlen(option.name);
-    const char* text =
-        token[length] == '=' ? token + length + 1 : (i + 1 < argc ? argv[++i] : nullptr);
-    char* end = nullptr;
-    const double value = text ? std::strtod(text, &end) : 0.0;
-    if (!text || end == text || *end != '\0' || !(value >= option.low && value <= option.high)) {
-        std::fprintf(stderr, "%s: option '%s' needs a number from %g to %g\n", program_file_name,
-                     option.name, option.low, option.high);
-        return false;
-    }
-    out = value;
-    return true;
-}
 
 // Runs the file commands and ends the program; the status is 1 when one of
 // them failed.
@@ -165,22 +109,6 @@ void run_file_commands() {
         status |= norvanta::export_file_nmea(file_commands.export_input,
                                              file_commands.export_output, stderr);
     norvanta::exit_path(status);
-}
-constexpr int32_t largest_port = 65535;
-
-// "HOST:PORT", split at the last colon; the port is decimal digits. A port
-// out of range is kept as 0, which the client list refuses with its own box.
-bool parse_client(const char* text, ClientOptions::Client& out) {
-    const char* colon = std::strrchr(text, ':');
-    if (!colon || colon[1] == '\0') return false;
-    int32_t port = 0;
-    for (const char* digit = colon + 1; *digit; ++digit) {
-        if (*digit < '0' || *digit > '9') return false;
-        if (port <= largest_port) port = port * 10 + (*digit - '0');
-    }
-    out.host.assign(text, static_cast<std::size_t>(colon - text));
-    out.port = port > largest_port ? 0 : port;
-    return true;
 }
 
 // What parse_link_name takes, so that a name it refuses is told rather than
@@ -197,17 +125,11 @@ bool navigation_link_known(const std::string& text) {
 // commands, the client options, a link name that names nothing, the status
 // output and the replay options.
 void after_command_line(const norvanta::CommandLine& line) {
-    for (const ClientOptions::Client& client : client_options.extra)
-        norvanta::add_client(client.host.c_str(), client.port, nullptr, nullptr);
-    if (!client_options.extra.empty()) norvanta::refresh_snapshot();
+    norvanta::apply_client_options(common_options);
     if (file_commands.info || file_commands.export_input) run_file_commands();
-    if (client_options.list_clients) {
+    if (cli_options.list_clients) {
         norvanta::print_client_lists(stdout);
         norvanta::exit_path(0);
-    }
-    if (client_options.no_diffusion) {
-        norvanta::ui_menu_check(norvanta::menu_diffusion, false);
-        norvanta::set_diffusion(0);
     }
     if (line.navigation_named && !navigation_link_known(line.link_text))
         std::fprintf(stderr,
@@ -215,15 +137,13 @@ void after_command_line(const norvanta::CommandLine& line) {
                      "UDP<port>\n",
                      program_file_name, line.link_text.c_str());
     std::fflush(stderr);
-    norvanta::set_status_style(client_options.status);
-    if (playback_asked) norvanta::schedule_playback(playback);
+    norvanta::set_status_style(cli_options.status);
+    if (common_options.playback_asked) norvanta::schedule_playback(common_options.playback);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    const char* config_file = nullptr;
-    bool print_config = false;
     std::vector<const char*> tokens;
     for (int i = 1; i < argc; ++i) {
         const char* token = argv[i];
@@ -236,61 +156,30 @@ int main(int argc, char** argv) {
                         norvanta::program_version);
             return 0;
         }
-        if (is_option(token, "--config")) {
-            if (i + 1 >= argc) {
-                std::fprintf(stderr, "%s: option '--config' needs a file name\n",
-                             program_file_name);
-                return usage_error_status;
-            }
-            config_file = argv[++i];
+        switch (norvanta::read_common_option(argc, argv, i, program_file_name, common_options)) {
+        case norvanta::OptionRead::taken:
             continue;
-        }
-        if (std::strncmp(token, "--config=", std::strlen("--config=")) == 0) {
-            config_file = token + std::strlen("--config=");
-            continue;
+        case norvanta::OptionRead::refused:
+            return usage_error_status;
+        case norvanta::OptionRead::not_common:
+            break;
         }
         if (is_option(token, "--print-config")) {
-            print_config = true;
-            continue;
-        }
-        if (is_option(token, "--no-diffusion")) {
-            client_options.no_diffusion = true;
-            continue;
-        }
-        if (is_option(token, "--list-clients")) {
-            client_options.list_clients = true;
-            continue;
-        }
-        if (std::strncmp(token, "--status=", 9) == 0) {
-            if (!norvanta::parse_status_style(token + 9, client_options.status)) {
+            cli_options.print_config = true;
+        } else if (is_option(token, "--list-clients")) {
+            cli_options.list_clients = true;
+        } else if (std::strncmp(token, "--status=", 9) == 0) {
+            if (!norvanta::parse_status_style(token + 9, cli_options.status)) {
                 std::fprintf(stderr, "%s: option '--status' takes line, tsv or none\n",
                              program_file_name);
                 return usage_error_status;
             }
-            continue;
-        }
-        if (is_option(token, "--play") || is_option(token, "--backward")) {
-            playback.direction = is_option(token, "--play") ? 1 : -1;
-            playback_asked = true;
-            continue;
-        }
-        if (is_option(token, "--loop") || is_option(token, "--exit-at-end")) {
-            (is_option(token, "--loop") ? playback.loop : playback.exit_at_end) = true;
-            playback_asked = true;
-            continue;
-        }
-        if (const NumberOption* option = number_option_of(token)) {
-            double value = 0.0;
-            if (!number_option(argc, argv, i, *option, value)) return usage_error_status;
-            option->store(value);
-            playback_asked = true;
-            continue;
-        }
-        if (is_option(token, "--info")) {
+        } else if (is_option(token, "--exit-at-end")) {
+            common_options.playback.exit_at_end = true;
+            common_options.playback_asked = true;
+        } else if (is_option(token, "--info")) {
             file_commands.info = true;
-            continue;
-        }
-        if (is_option(token, "--export-nmea")) {
+        } else if (is_option(token, "--export-nmea")) {
             if (i + 2 >= argc) {
                 std::fprintf(stderr, "%s: option '--export-nmea' needs FILE and OUT\n",
                              program_file_name);
@@ -298,24 +187,13 @@ int main(int argc, char** argv) {
             }
             file_commands.export_input = argv[++i];
             file_commands.export_output = argv[++i];
-            continue;
-        }
-        if (is_option(token, "--client") || std::strncmp(token, "--client=", 9) == 0) {
-            const char* value = token[8] == '=' ? token + 9 : (i + 1 < argc ? argv[++i] : nullptr);
-            ClientOptions::Client client;
-            if (!value || !parse_client(value, client)) {
-                std::fprintf(stderr, "%s: option '--client' needs HOST:PORT\n", program_file_name);
-                return usage_error_status;
-            }
-            client_options.extra.push_back(client);
-            continue;
-        }
-        if (token[0] == '-' && !norvanta::is_navigation_token(token)) {
+        } else if (token[0] == '-' && !norvanta::is_navigation_token(token)) {
             std::fprintf(stderr, "%s: unknown option '%s' (see --help)\n", program_file_name,
                          token);
             return usage_error_status;
+        } else {
+            tokens.push_back(token);
         }
-        tokens.push_back(token);
     }
     // With --info the files on the line are the ones to describe, not to load.
     if (file_commands.info) {
@@ -330,8 +208,8 @@ int main(int argc, char** argv) {
         return usage_error_status;
     }
 
-    if (config_file) norvanta::config_use_file(config_file);
-    if (print_config) {
+    if (common_options.config_file) norvanta::config_use_file(common_options.config_file);
+    if (cli_options.print_config) {
         norvanta::locate_program();
         norvanta::config_print(stdout);
         return 0;

@@ -16,4 +16,8 @@ ensure_packages() {
 }
 
 build_packages=(g++ cmake ninja-build)
-test_packages=(libgtest-dev libgmock-dev proj-bin gpsbabel gpsd gpsd-clients)
+# The desktop program and its tests on a virtual display: wxWidgets with the
+# GTK headers (its controls are made compact through GTK), Xvfb, xdotool to
+# click and type, ImageMagick's import for screenshots.
+test_packages=(libgtest-dev libgmock-dev proj-bin gpsbabel gpsd gpsd-clients
+    libwxgtk3.2-dev libgtk-3-dev xvfb xauth xdotool imagemagick)

@@ -498,14 +498,19 @@ long text_to_long(const char* text) {
 
 // ---- native fields ----
 
-// Reads up to ';' with the stream as bound; keeps at most limit bytes.
+// Reads up to ';' with the stream as bound; keeps at most limit bytes. Data
+// that end before the ';' are a row cut short, not an empty or short value:
+// the field fails as a read past the end does, so that a truncated file is
+// refused instead of giving a point at 0,0.
 void read_native_field(char* field, int32_t limit) {
     int32_t stored = 0;
-    while (stream_remaining() > 0) {
+    bool closed = false;
+    while (!closed && stream_remaining() > 0) {
         const uint8_t byte = read_byte();
-        if (byte == ';') break;
-        store(field, stored, limit, byte);
+        closed = byte == ';';
+        if (!closed) store(field, stored, limit, byte);
     }
+    if (!closed) set_gblerr(ErrorCode::file_access);
     finish(field, stored);
 }
 
@@ -979,13 +984,16 @@ ErrorCode read_native_string(char*& variable) {
     if (error_pending()) return current_error();
     char text[native_string_limit + 1];
     int32_t stored = 0;
-    while (stream_remaining() > 0) {
+    bool closed = false;
+    while (!closed && stream_remaining() > 0) {
         const uint8_t byte = read_byte();
-        if (byte == delimiter) break;
-        store(text, stored, native_string_limit, byte);
+        closed = byte == delimiter;
+        if (!closed) store(text, stored, native_string_limit, byte);
     }
     finish(text, stored);
     str_copy(text, variable);
+    // A string whose closing delimiter never comes was cut short.
+    if (!closed) set_gblerr(ErrorCode::file_access);
     seek_stream(1, stream_from_position);
     skip_blanks();
     return current_error();

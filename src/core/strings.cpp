@@ -251,8 +251,11 @@ wchar_t* wstr_from_str(const char* source, wchar_t*& variable) {
     alloc_mem(variable, (length + wide_margin_chars) * sizeof(wchar_t));
     UserLocaleScope locale;
     if (std::mbstowcs(variable, text, length + 1) == static_cast<std::size_t>(-1)) {
-        variable[0] = L'\0';
-        set_gblerr(ErrorCode::no_memory);
+        // Text that the locale refuses (Latin-1 names in a UTF-8 locale) is
+        // read one character a byte, as an 8-bit code page reads every byte,
+        // rather than failing the file that holds it.
+        for (std::size_t i = 0; i <= length; ++i)
+            variable[i] = static_cast<wchar_t>(static_cast<unsigned char>(text[i]));
     }
     return variable;
 }

@@ -125,7 +125,9 @@ void socket_startup() {
 
 void socket_create(const char* host, int32_t port, int32_t protocol, SocketRecord*& out_record) {
     out_record = nullptr;
-    if (port < 1) return;
+    // A number past the last port would be cut to 16 bits by the system and
+    // send to a port nobody named.
+    if (port < 1 || port > largest_port) return;
     if (!host) host = "";
     const SocketRecord* same_host = host[0] ? record_of_host(host) : nullptr;
 

@@ -21,6 +21,7 @@ inline constexpr int32_t socket_chunk_max_bytes = 1470;
 // The block of a socket whose system gives no largest message size.
 inline constexpr int32_t socket_chunk_default_bytes = 100;
 inline constexpr int32_t socket_listen_backlog = 10;
+inline constexpr int32_t largest_port = 65535;
 inline constexpr int32_t socket_host_capacity = 96; // "%95s" and its terminator
 
 struct SocketRecord {

@@ -162,13 +162,25 @@ Sentence timed_start(const char* start, const JulianTime& time) {
     return sentence;
 }
 
+// Characters that a name must not carry into a sentence: a line end or a
+// '$' would start a sentence of the name's making, a ',' would shift every
+// field behind it, a '*' would end the sentence early.
+bool breaks_sentence(wchar_t c) {
+    return c < L' ' || c == L'$' || c == L'!' || c == L',' || c == L'*' || c == L'\x7F';
+}
+
 // Byte text of a wide name, narrowed as the "C" locale narrows: a character
-// that fits in a byte is that byte, and only the others are replaced.
+// that fits in a byte is that byte, and only the others are replaced. A
+// character that would break the sentence becomes a blank.
 std::string narrow_name(const wchar_t* name) {
     std::string text;
     for (const wchar_t* c = name; c && *c; ++c) {
-        text.push_back(*c >= 0 && *c < first_wide_beyond_byte ? static_cast<char>(*c)
-                                                              : unnarrowable_character);
+        if (breaks_sentence(*c)) {
+            text.push_back(' ');
+            continue;
+        }
+        text.push_back(*c < first_wide_beyond_byte ? static_cast<char>(*c)
+                                                   : unnarrowable_character);
     }
     return text;
 }

@@ -7,7 +7,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <type_traits>
+#include <vector>
 
 namespace norvanta::serial_io {
 
@@ -50,5 +52,14 @@ WriteResult write_bytes(DeviceHandle device, const void* data, std::size_t count
 // Puts the saved settings back when given, releases the device and closes it.
 // Every error is dropped.
 void close_device(DeviceHandle device, const SavedLine* saved);
+
+// The serial devices present, as paths a link may open, for the user to
+// choose from: the stable names under /dev/serial/by-id first, then the
+// ttyUSB, ttyACM and ttyS devices in the order of their numbers. A ttyS
+// that the kernel lists with no hardware behind it is left out.
+std::vector<std::string> list_serial_devices();
+// The same with other directories standing for /dev and /sys/class/tty.
+std::vector<std::string> list_serial_devices_in(const std::string& dev_dir,
+                                                const std::string& tty_class_dir);
 
 } // namespace norvanta::serial_io

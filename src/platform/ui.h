@@ -104,6 +104,13 @@ enum class UiControlKind : int32_t {
     push_button,  // an icon button
     check_button, // a push-like button that stays in or out on each click
     radio_button, // a push-like button of a group of which one stays in
+    // Made in dialogs (platform/ui_dialog.h):
+    text_button,  // a plain push button showing its text
+    check_box,    // a box with a check mark and its text beside it
+    radio_option, // a round option with its text; groups as ui_style_group says
+    group_frame,  // a titled frame drawn around other controls
+    list_box,     // rows with item data, several selected at once
+    combo_entry,  // a combo whose text the user may also type
 };
 
 struct UiRect {

@@ -28,7 +28,6 @@ namespace {
 
 // ---- the controls ----
 
-constexpr UiFont value_font{"Courier New", 21, 10, 700};
 constexpr UiFont sentence_font{"Courier New", 15, 7, 400};
 constexpr UiFont mode_font{"MS Sans Serif", 17, 8, 700};
 

@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include "formats/gps_model.h"
+#include "platform/ui.h"
 
 namespace norvanta {
 
@@ -31,6 +32,10 @@ enum class DashboardField : int32_t {
     speed_value,
 };
 inline constexpr int32_t dashboard_field_count = 13;
+
+// The font of the values, which other windows borrow where a text must read
+// as clearly as they do.
+inline constexpr UiFont value_font{"Courier New", 21, 10, 700};
 
 // Ids of the controls the program acts on. The window system's numbers where
 // the control has one; the others get numbers of their own from 2100 on.

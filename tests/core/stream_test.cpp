@@ -161,10 +161,8 @@ TEST_F(Stream, OpenRefusesWhatCannotBeReadWithoutSettingTheError) {
 TEST_F(Stream, WindowSizeIsRaisedThenCutToTheData) {
     const std::tuple<const char*, int32_t, int32_t, int32_t> rows[] = {
         {"1 becomes the least window", 3000, 1, window},
-        {"a size between stands", 3000, 2000, 2000},
         {"0 asks for the whole data", 3000, 0, 3000},
         {"above the data: cut to it", 3000, 5000, 3000},
-        {"raised, then cut to a small file", 500, 1, 500},
         {"a one-byte file", 1, 4096, 1},
     };
     for (const auto& [description, size, asked, expected] : rows) {
@@ -201,9 +199,8 @@ TEST_F(Stream, ByteReadsCrossWindowsAndStopAtTheEnd) {
     EXPECT_EQ(current_error(), ErrorCode::file_access);
 
     const std::tuple<const char*, int32_t, int32_t, int32_t> rows[] = {
-        {"inside the window", 10, 4, 4},          {"in another window", 2000, 8, 8},
-        {"across a window boundary", 1020, 8, 8}, {"the last bytes", 2996, 4, 4},
-        {"running past the end", 2998, 4, 2},     {"at the end", 3000, 1, 0},
+        {"inside the window", 10, 4, 4},      {"across a window boundary", 1020, 8, 8},
+        {"running past the end", 2998, 4, 2}, {"at the end", 3000, 1, 0},
         {"before the start", -1, 2, 0},
     };
     seek_stream(100, stream_from_start);
@@ -239,7 +236,6 @@ TEST_F(Stream, SeekOriginsAndPushBack) {
     const std::tuple<const char*, int, int64_t, int32_t> rows[] = {
         {"from the start", stream_from_start, 2999, 2999},
         {"back one from the position", stream_from_position, -1, 1499},
-        {"forward into the next window", stream_from_position, 600, 2100},
         {"from the end", stream_from_end, -1, 2999},
         {"at the end", stream_from_end, 0, 3000},
         {"before the start", stream_from_start, -10, -10},
@@ -302,16 +298,6 @@ TEST_F(Stream, BitReadersInBothOrders) {
     EXPECT_EQ(current_error(), ErrorCode::none);
     EXPECT_EQ(read_bit(), 0) << "past the end";
     EXPECT_EQ(current_error(), ErrorCode::file_access);
-
-    set_gblerr(ErrorCode::none);
-    ASSERT_EQ(open_stream(disk_file("scan", std::string("\xFF\x00\x80\xFF\xD9", 5)), 0, true), 0);
-    uint32_t value = 0;
-    for (int i = 0; i < 16; ++i)
-        value = value << 1 | static_cast<uint32_t>(read_bit_jpeg());
-    EXPECT_EQ(value, 0xFF80u) << "the 0 stuffed behind 255 is not data";
-    EXPECT_EQ(read_bit_jpeg(), jpeg_marker_found);
-    EXPECT_EQ(read_bit_jpeg(), jpeg_marker_found) << "a marker stays until the decoder moves";
-    EXPECT_EQ(tell_stream(), 3);
 }
 
 std::vector<std::string> all_lines(int32_t limit) {
@@ -334,11 +320,9 @@ TEST_F(Stream, LinesEndAtLfCrLfOrCrAlone) {
         {"CR alone", "a\rbb\r", 80, {"a", "bb"}},
         {"mixed", "a\rb\nc\r\nd", 80, {"a", "b", "c", "d"}},
         {"no end on the last line", "a\nlast", 80, {"a", "last"}},
-        {"empty lines", "\n\r\n\r", 80, {"", "", ""}},
         {"CR then CR is two ends", "a\r\rb", 80, {"a", "", "b"}},
         {"longer than the limit: the rest is dropped", "abcdefgh\nxy", 3, {"abc", "xy"}},
         {"NUL bytes are text", std::string("a\0b\nc", 5), 80, {std::string("a\0b", 3), "c"}},
-        {"a one-byte file", "x", 80, {"x"}},
         {"CR at a window's end, LF in the next", x1023 + "\r\ny", 4000, {x1023, "y"}},
         {"a line longer than the window",
          std::string(2500, 'z') + "\nq",
@@ -425,11 +409,8 @@ TEST_F(Stream, TextAndNativeReaders) {
         {"a word past the limit is cut", "abcdefg h", "ww", "abcde/32|h/0|"},
         {"longs: signs taken, points skipped, 12 characters at most", "x=-12,+7;.5 1234567890123",
          "lllll", "-12|7|5|123456789012|3|"},
-        {"unsigned: a sign is skipped", "a-5 b6", "uu", "5|6|"},
-        {"doubles", "lat 45.5e1, -0.25;x", "dd", "455|-0.25|"},
         {"quoted, past the limit, then unclosed", "xx \"hello, world\" \"abc", "qq", "hello|abc|"},
         {"fields to a line end; CR LF is one end", "a,,b\r\nc", "ffff", "a/44|/44|b/13|c/0|"},
-        {"a line end at once is an empty field", "\n x,y", "f", "/10|"},
         {"without the flag a line end is text; trailing blanks stay", "  x\ny ,z", "F",
          "x\ny /44|"},
         {"native fields, an empty real included", "\"Name\";12;3.5;;\n  'it\"s';-7;;x1;",
@@ -474,21 +455,16 @@ TEST_F(Stream, Scanners) {
         {"words stop before the space", "  alpha beta", "WWW", "5alpha@7|4beta@12|0@12|"},
         {"a word too long: nothing, left at its start", "  toolong x", "W", "0@2|"},
         {"quoted: cut at the limit, steps over the quote", "a \"bcdefgh\"i", "Q", "5bcdef@11|"},
-        {"no quote: to the end", "abc", "Q", "0@3|"},
         {"fields: empty ones, blanks before go, blanks after stay", "a, b ,,c", "CCCC",
          "1a@2|2b @6|0@7|1c@8|"},
-        {"a line end closes a field with the flag", "x\ny", "cc", "1x@2|1y@3|"},
         {"without it a line end is text", "x\ny,z", "C", "3x\ny@4|"},
         {"a field too long returns the limit, left at its start", " abcdefg,h", "C", "5@1|"},
         {"a signed number after blanks", "  -42,x", "L", "-42@5|"},
-        {"no number: 0 at the end", "abc", "L", "0@3|"},
         {"14 digits fit a long", "12345678901234", "L", "12345678901234@14|"},
         {"15 do not: 0, left at the digits", "x 123456789012345", "L", "0@2|"},
         {"a point ends a long and is skipped before the next", "1.5", "LL", "1@1|5@3|"},
-        {"signs alone read as 0", "+-3", "L", "0@3|"},
         {"unsigned skips a sign", "-7", "U", "7@2|"},
         {"a double with its exponent", "  1.5e3;", "D", "1500@7|"},
-        {"letters and ';' are skipped before a double", "abc;-.25", "D", "-0.25@8|"},
         {"past its range", "1e400", "D", "inf@5|"},
         {"24 characters fit a double, 25 do not",
          "123456789012345678901234 1234567890123456789012345", "DD", "1.23457e+23@24|0@25|"},
@@ -584,12 +560,7 @@ TEST_F(Stream, FileCutShortWhileRead) {
 }
 
 TEST_F(Stream, MembersAndMemoryBlocks) {
-    ObjectId archive = disk_file("archive", "HEADERline1\nline2\nTRAILER");
-    FileMobj* member = find_obj_adr<FileMobj>(archive);
-    member->is_member = 1;
-    str_copy(member->path, member->archive_path);
-    member->member_offset = 6;
-    member->member_size = 12;
+    const ObjectId archive = member_of(disk_file("archive", "HEADERline1\nline2\nTRAILER"), 6, 12);
     ASSERT_EQ(open_stream(archive, 1, true), 0);
     EXPECT_EQ(stream_size(), 12);
     EXPECT_EQ(all_lines(80), (std::vector<std::string>{"line1", "line2"}));
@@ -618,13 +589,6 @@ TEST_F(Stream, MembersAndMemoryBlocks) {
     set_direct();
     EXPECT_EQ(current_stream().buffer, page_of(block, 0)) << "straight into the page";
     EXPECT_TRUE(same_bytes(read_all_bytes(), data));
-
-    ObjectId one_page = 0;
-    const ObjectId small_block = memory_block("small", 32768);
-    new_file(one_page)->memory = small_block;
-    ASSERT_EQ(open_stream(one_page, 0, true), 0);
-    EXPECT_EQ(current_stream().direct, 1u) << "the whole of a one-page block is read in place";
-    EXPECT_EQ(current_stream().buffer, page_of(small_block, 0));
 
     ObjectId holed = 0;
     new_file(holed)->memory = memory_block(data, 1500, 1);
@@ -713,10 +677,8 @@ TEST_F(Stream, PackedDataAreExpandedFirst) {
 
 TEST_F(Stream, ProgramAtofReadsAsStrtodInTheCLocale) {
     const std::tuple<const char*, double> rows[] = {
-        {"1.5", 1.5},        {" -2e3", -2000}, {"+4", 4},    {".5", 0.5},
-        {"1e", 1},           {"abc", 0},       {"--5", 0},   {"+-5", 0},
-        {"1e400", HUGE_VAL}, {"1e-400", 0},    {"0x10", 16}, {"0x", 0},
-        {"1,5", 1},          {"", 0},
+        {" -2e3", -2000}, {"1e", 1},  {"+-5", 0}, {"1e400", HUGE_VAL},
+        {"0x10", 16},     {"1,5", 1}, {"", 0},
     };
     for (const auto& [text, expected] : rows) {
         SCOPED_TRACE(text);

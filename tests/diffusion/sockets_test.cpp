@@ -48,8 +48,10 @@ SocketRecord* create(const char* host, int32_t port, int32_t protocol = socket_p
 }
 
 TEST(Sockets, CreateRefusesBadPortsAndNamesWithoutAnErrorCode) {
-    for (const auto& [host, port] :
-         {std::pair{"127.0.0.1", 0}, {"localhost", -5}, {"nosuch.invalid", 7551}}) {
+    for (const auto& [host, port] : {std::pair{"127.0.0.1", 0},
+                                     {"localhost", -5},
+                                     {"127.0.0.1", 65536},
+                                     {"nosuch.invalid", 7551}}) {
         SCOPED_TRACE(std::string(host) + " " + std::to_string(port));
         EXPECT_EQ(create(host, port), nullptr);
         EXPECT_FALSE(error_pending());

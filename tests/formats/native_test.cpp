@@ -289,6 +289,7 @@ TEST_F(NativeFormats, OlderFormatsInSemicircles) {
 
 TEST_F(NativeFormats, MalformedFilesLeaveNothing) {
     const std::string all_flags = "1;1;1;1;1;1;1;1;1;1;1;1;1;1;1;1;1;1;1;1;\n";
+    const std::string position_flags = "1;1;1;0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;0;\n";
     struct Row {
         const char* description;
         std::string content;
@@ -303,6 +304,10 @@ TEST_F(NativeFormats, MalformedFilesLeaveNothing) {
         {"a real column holding text", waypoints_head + all_flags + "\"A\";east;2;\n",
          ErrorCode::invalid_file},
         {"a row cut before a string field", waypoints_head + all_flags + "\"A\";1;2;",
+         ErrorCode::invalid_file},
+        {"a row cut inside its last number", waypoints_head + position_flags + "\"A\";1;2",
+         ErrorCode::invalid_file},
+        {"a row cut inside a string", waypoints_head + position_flags + "\"A\";1;2;\n\"B",
          ErrorCode::invalid_file},
         {"tracks without the point count", tracks_head + "1;0;0;0;0;0;0;0;\n1;1;0;0;0;0;0;\n",
          ErrorCode::invalid_file},

@@ -33,6 +33,7 @@
 #include "shell/events.h"
 #include "shell/main.h"
 #include "shell/window.h"
+#include "support/program_environment.h"
 #include "support/serve_events.h"
 #include "support/test_home.h"
 #include "support/udp_listener.h"
@@ -52,27 +53,8 @@ constexpr const char* configuration = "LANG ENGLISH\n"
                                       "INACTIVE_NMEA_UDP_DIFFUSE_ADR1 localhost 7551\n"
                                       "INACTIVE_NMEA_UDP_DIFFUSE_ADR2 localhost 7552\n";
 
-class NavigationEnvironment : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        home_ = std::make_unique<testing::TestHome>();
-        const std::string path = home_->file("norvanta.cfg");
-        testing::write_file(path, configuration);
-        config_use_file(path.c_str());
-        locate_program();
-        init_modules();
-        ASSERT_FALSE(error_pending()) << error_text();
-        create_main_window();
-        build_main_menu();
-        load_client_lists();
-    }
-    void TearDown() override { home_.reset(); }
-
-  private:
-    std::unique_ptr<testing::TestHome> home_;
-};
 [[maybe_unused]] const auto* const navigation_environment =
-    ::testing::AddGlobalTestEnvironment(new NavigationEnvironment);
+    ::testing::AddGlobalTestEnvironment(new testing::ProgramEnvironment(configuration));
 
 // A sentence with its checksum tail.
 std::string sentence(const std::string& body) {

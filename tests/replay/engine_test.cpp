@@ -23,6 +23,7 @@
 #include "shell/main.h"
 #include "shell/menu.h"
 #include "shell/window.h"
+#include "support/program_environment.h"
 #include "support/serve_events.h"
 #include "support/test_home.h"
 #include "support/udp_listener.h"
@@ -32,10 +33,9 @@ namespace {
 
 [[maybe_unused]] const auto* const private_home = testing::use_private_home_for_this_process();
 
-// The one client of the process; the default clients are never loaded.
+testing::UdpListener* the_client = nullptr;
 testing::UdpListener& client() {
-    static auto* const listener = new testing::UdpListener;
-    return *listener;
+    return *the_client;
 }
 
 class EngineEnvironment : public ::testing::Environment {
@@ -43,14 +43,7 @@ class EngineEnvironment : public ::testing::Environment {
     void SetUp() override {
         object_store_create();
         nav_point_register_type();
-        socket_startup();
-        create_main_window();
-        build_main_menu();
-        create_dashboard();
-        replay_init();
-        ASSERT_TRUE(main_window_exists());
-        add_client("127.0.0.1", client().port(), nullptr, nullptr);
-        refresh_snapshot();
+        the_client = &testing::start_replay_to_one_client();
     }
 };
 [[maybe_unused]] const auto* const engine_environment =

@@ -28,9 +28,9 @@ constexpr auto poll_interval = std::chrono::milliseconds(10);
 
 } // namespace
 
-pid_t start_cli(const TestHome& home, std::vector<std::string> args) {
-    home.make_current();
-    args.insert(args.begin(), NORVANTA_CLI_PATH);
+pid_t spawn_program(const char* path, const TestHome& home, std::vector<std::string> args,
+                    char* const* environment) {
+    args.insert(args.begin(), path);
     std::vector<char*> argv;
     for (std::string& arg : args)
         argv.push_back(arg.data());
@@ -43,9 +43,16 @@ pid_t start_cli(const TestHome& home, std::vector<std::string> args) {
     posix_spawn_file_actions_addopen(&actions, 2, home.file("stderr.txt").c_str(),
                                      O_WRONLY | O_CREAT | O_TRUNC, 0644);
     pid_t pid = -1;
-    EXPECT_EQ(posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ), 0);
+    EXPECT_EQ(posix_spawn(&pid, path, &actions, nullptr, argv.data(),
+                          environment ? environment : environ),
+              0);
     posix_spawn_file_actions_destroy(&actions);
     return pid;
+}
+
+pid_t start_cli(const TestHome& home, std::vector<std::string> args) {
+    home.make_current();
+    return spawn_program(NORVANTA_CLI_PATH, home, std::move(args));
 }
 
 // Not a fork before the exec: the program itself.

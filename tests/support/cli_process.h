@@ -19,6 +19,11 @@ struct Outcome {
     std::string err;
 };
 
+// Starts the program at path with the arguments and environment given (null:
+// this process's), its input empty and its output in stdout.txt and
+// stderr.txt of home.
+pid_t spawn_program(const char* path, const TestHome& home, std::vector<std::string> args,
+                    char* const* environment = nullptr);
 // Starts the program with home as its NORVANTA_HOME; its output goes to
 // stdout.txt and stderr.txt there.
 pid_t start_cli(const TestHome& home, std::vector<std::string> args);

@@ -12,11 +12,14 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <string_view>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -191,6 +194,94 @@ void close_device(DeviceHandle device, const SavedLine* saved) {
     // outlive the close while another descriptor keeps the tty open.
     ::ioctl(fd, TIOCNXCL);
     ::close(fd);
+}
+
+namespace {
+
+// The names in a directory that begin with prefix, without . and ..
+std::vector<std::string> names_in(const std::string& dir, std::string_view prefix) {
+    std::vector<std::string> names;
+    DIR* stream = ::opendir(dir.c_str());
+    if (!stream) return names;
+    while (const dirent* entry = ::readdir(stream)) {
+        const std::string_view name = entry->d_name;
+        if (name == "." || name == ".." || !name.starts_with(prefix)) continue;
+        names.emplace_back(name);
+    }
+    ::closedir(stream);
+    return names;
+}
+
+// The digits after the prefix as a number, so that ttyUSB10 comes after
+// ttyUSB2; -1 for a name that has anything else there.
+long device_number(std::string_view name, std::size_t prefix_length) {
+    if (name.size() <= prefix_length) return -1;
+    long number = 0;
+    constexpr long number_limit = 1000000;
+    for (const char c : name.substr(prefix_length)) {
+        if (c < '0' || c > '9') return -1;
+        number = std::min(number * 10 + (c - '0'), number_limit);
+    }
+    return number;
+}
+
+// The final name of the path a symbolic link points to; empty for no link.
+std::string link_target_name(const std::string& path) {
+    std::array<char, 4096> target{};
+    const ssize_t length = ::readlink(path.c_str(), target.data(), target.size() - 1);
+    if (length <= 0) return {};
+    const std::string_view text(target.data(), static_cast<std::size_t>(length));
+    const std::size_t slash = text.rfind('/');
+    return std::string(slash == std::string_view::npos ? text : text.substr(slash + 1));
+}
+
+// The kernel makes a ttyS for every port the legacy driver might find, and
+// those with no hardware are platform devices of that driver.
+bool has_serial_hardware(const std::string& tty_class_dir, const std::string& name) {
+    const std::string device = tty_class_dir + "/" + name + "/device";
+    struct stat info {};
+    if (::stat(device.c_str(), &info) != 0) return false;
+    return link_target_name(device + "/subsystem") != "platform" ||
+           link_target_name(device + "/driver") != "serial8250";
+}
+
+struct DeviceFamily {
+    std::string_view prefix;
+    bool needs_hardware_check;
+};
+constexpr std::array<DeviceFamily, 3> numbered_families{{
+    {"ttyUSB", false},
+    {"ttyACM", false},
+    {"ttyS", true},
+}};
+
+} // namespace
+
+std::vector<std::string> list_serial_devices_in(const std::string& dev_dir,
+                                                const std::string& tty_class_dir) {
+    std::vector<std::string> devices;
+    const std::string by_id = dev_dir + "/serial/by-id";
+    std::vector<std::string> stable = names_in(by_id, "");
+    std::sort(stable.begin(), stable.end());
+    for (const std::string& name : stable)
+        devices.push_back(by_id + "/" + name);
+    for (const DeviceFamily& family : numbered_families) {
+        std::vector<std::pair<long, std::string>> found;
+        for (std::string& name : names_in(dev_dir, family.prefix)) {
+            const long number = device_number(name, family.prefix.size());
+            if (number < 0) continue;
+            if (family.needs_hardware_check && !has_serial_hardware(tty_class_dir, name)) continue;
+            found.emplace_back(number, std::move(name));
+        }
+        std::sort(found.begin(), found.end());
+        for (const auto& [number, name] : found)
+            devices.push_back(dev_dir + "/" + name);
+    }
+    return devices;
+}
+
+std::vector<std::string> list_serial_devices() {
+    return list_serial_devices_in("/dev", "/sys/class/tty");
 }
 
 } // namespace norvanta::serial_io
