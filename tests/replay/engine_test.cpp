@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <ctime>
+#include <iterator>
 #include <optional>
+#include <random>
 #include <span>
 #include <string>
 #include <vector>
@@ -314,6 +316,28 @@ TEST_F(Replay, EachStepSendsWhatTheClockReachesAndTheTrackRestsWhereItStopped) {
         EXPECT_EQ(text_of(dashboard_field_id(DashboardField::sentences)), shown ? shown->text : "")
             << "the Dashboard shows the current point";
         stop_and_open_controls();
+    }
+}
+
+// A user pressing anything in any order, the clock ticking between: the
+// controls are held exactly while the clock runs, and the position never
+// leaves the track.
+TEST_F(Replay, ButtonsInAnyOrderKeepTheControlsHeldExactlyWhileTheClockRuns) {
+    using enum Act;
+    constexpr Act acts[] = {forward, backward, pause, stop, loop, tick, tick, factor, speed, seek};
+    constexpr double track_end_days = 3.8 * one_second_days;
+    std::mt19937 random(20261122);
+    std::uniform_real_distribution<double> unit(0.0, 1.0);
+    for (int i = 0; i < 3000; ++i) {
+        const Act act = acts[random() % std::size(acts)];
+        const double value = act == factor  ? 0.5 + 50 * unit(random)
+                             : act == speed ? 1 + 200 * unit(random)
+                                            : unit(random);
+        run({act, i / 4, value});
+        ASSERT_EQ(controls_locked(), track_->running_direction != 0.0)
+            << "step " << i << ", act " << static_cast<int>(act);
+        ASSERT_GE(track_->position_time, 0.0) << "step " << i;
+        ASSERT_LE(track_->position_time, track_end_days) << "step " << i;
     }
 }
 
