@@ -3,7 +3,6 @@
 // line, the ending at the end of a track, and the file and client reports,
 // which norvanta-cli gives).
 #include <cstdio>
-#include <cstring>
 #include <vector>
 
 #include "platform/wx/wx_app.h"
@@ -11,11 +10,9 @@
 #include "shell/config.h"
 #include "shell/main.h"
 #include "shell/program_options.h"
-#include "version.h"
 
 namespace {
 
-constexpr int usage_error_status = 2;
 constexpr int no_display_status = 1;
 constexpr const char* program_file_name = "norvanta";
 
@@ -57,33 +54,6 @@ constexpr const char* help_text =
 norvanta::CommonOptions options;
 std::vector<const char*> tokens;
 
-bool is(const char* token, const char* name) {
-    return std::strcmp(token, name) == 0;
-}
-
-// Reads the program's options; the rest are tokens of the start-up's
-// command-line walk. Returns 0, or the status to end with.
-int read_options(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        const char* token = argv[i];
-        switch (norvanta::read_common_option(argc, argv, i, program_file_name, options)) {
-        case norvanta::OptionRead::taken:
-            continue;
-        case norvanta::OptionRead::refused:
-            return usage_error_status;
-        case norvanta::OptionRead::not_common:
-            break;
-        }
-        if (token[0] == '-' && !norvanta::is_navigation_token(token)) {
-            std::fprintf(stderr, "%s: unknown option '%s' (see --help)\n", program_file_name,
-                         token);
-            return usage_error_status;
-        }
-        tokens.push_back(token);
-    }
-    return 0;
-}
-
 // Once the client lists are loaded and the line is walked.
 void after_command_line(const norvanta::CommandLine&) {
     norvanta::apply_client_options(options);
@@ -93,23 +63,17 @@ void after_command_line(const norvanta::CommandLine&) {
 } // namespace
 
 int main(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i) {
-        if (is(argv[i], "--help")) {
-            std::fputs(help_text, stdout);
-            return 0;
-        }
-        if (is(argv[i], "--version")) {
-            std::printf("%s (%s) %s\n", program_file_name, norvanta::program_name,
-                        norvanta::program_version);
-            return 0;
-        }
-    }
+    const int answered = norvanta::answer_help_or_version(argc, argv, program_file_name, help_text);
+    if (answered >= 0) return answered;
     if (!norvanta::wx_start(argc, argv)) {
         std::fprintf(stderr, "%s: no display to open the window on (norvanta-cli needs none)\n",
                      program_file_name);
         return no_display_status;
     }
-    if (int status = read_options(argc, argv)) return status;
+    const auto none_of_its_own = [](int, char**, int&) { return norvanta::OptionRead::not_common; };
+    if (int status = norvanta::read_program_options(argc, argv, program_file_name, options,
+                                                    none_of_its_own, tokens))
+        return status;
     if (options.config_file) norvanta::config_use_file(options.config_file);
     return norvanta::start_up(tokens, after_command_line);
 }

@@ -15,7 +15,6 @@
 #include "shell/file_commands.h"
 #include "shell/program_options.h"
 #include "shell/main.h"
-#include "version.h"
 
 namespace {
 
@@ -141,60 +140,47 @@ void after_command_line(const norvanta::CommandLine& line) {
     if (common_options.playback_asked) norvanta::schedule_playback(common_options.playback);
 }
 
+// The options of this program alone.
+norvanta::OptionRead read_cli_option(int argc, char** argv, int& i) {
+    const char* token = argv[i];
+    if (is_option(token, "--print-config")) {
+        cli_options.print_config = true;
+    } else if (is_option(token, "--list-clients")) {
+        cli_options.list_clients = true;
+    } else if (std::strncmp(token, "--status=", 9) == 0) {
+        if (!norvanta::parse_status_style(token + 9, cli_options.status)) {
+            std::fprintf(stderr, "%s: option '--status' takes line, tsv or none\n",
+                         program_file_name);
+            return norvanta::OptionRead::refused;
+        }
+    } else if (is_option(token, "--exit-at-end")) {
+        common_options.playback.exit_at_end = true;
+        common_options.playback_asked = true;
+    } else if (is_option(token, "--info")) {
+        file_commands.info = true;
+    } else if (is_option(token, "--export-nmea")) {
+        if (i + 2 >= argc) {
+            std::fprintf(stderr, "%s: option '--export-nmea' needs FILE and OUT\n",
+                         program_file_name);
+            return norvanta::OptionRead::refused;
+        }
+        file_commands.export_input = argv[++i];
+        file_commands.export_output = argv[++i];
+    } else {
+        return norvanta::OptionRead::not_common;
+    }
+    return norvanta::OptionRead::taken;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
+    const int answered = norvanta::answer_help_or_version(argc, argv, program_file_name, help_text);
+    if (answered >= 0) return answered;
     std::vector<const char*> tokens;
-    for (int i = 1; i < argc; ++i) {
-        const char* token = argv[i];
-        if (is_option(token, "--help")) {
-            std::fputs(help_text, stdout);
-            return 0;
-        }
-        if (is_option(token, "--version")) {
-            std::printf("%s (%s) %s\n", program_file_name, norvanta::program_name,
-                        norvanta::program_version);
-            return 0;
-        }
-        switch (norvanta::read_common_option(argc, argv, i, program_file_name, common_options)) {
-        case norvanta::OptionRead::taken:
-            continue;
-        case norvanta::OptionRead::refused:
-            return usage_error_status;
-        case norvanta::OptionRead::not_common:
-            break;
-        }
-        if (is_option(token, "--print-config")) {
-            cli_options.print_config = true;
-        } else if (is_option(token, "--list-clients")) {
-            cli_options.list_clients = true;
-        } else if (std::strncmp(token, "--status=", 9) == 0) {
-            if (!norvanta::parse_status_style(token + 9, cli_options.status)) {
-                std::fprintf(stderr, "%s: option '--status' takes line, tsv or none\n",
-                             program_file_name);
-                return usage_error_status;
-            }
-        } else if (is_option(token, "--exit-at-end")) {
-            common_options.playback.exit_at_end = true;
-            common_options.playback_asked = true;
-        } else if (is_option(token, "--info")) {
-            file_commands.info = true;
-        } else if (is_option(token, "--export-nmea")) {
-            if (i + 2 >= argc) {
-                std::fprintf(stderr, "%s: option '--export-nmea' needs FILE and OUT\n",
-                             program_file_name);
-                return usage_error_status;
-            }
-            file_commands.export_input = argv[++i];
-            file_commands.export_output = argv[++i];
-        } else if (token[0] == '-' && !norvanta::is_navigation_token(token)) {
-            std::fprintf(stderr, "%s: unknown option '%s' (see --help)\n", program_file_name,
-                         token);
-            return usage_error_status;
-        } else {
-            tokens.push_back(token);
-        }
-    }
+    if (int status = norvanta::read_program_options(argc, argv, program_file_name, common_options,
+                                                    read_cli_option, tokens))
+        return status;
     // With --info the files on the line are the ones to describe, not to load.
     if (file_commands.info) {
         std::erase_if(tokens, [](const char* token) {

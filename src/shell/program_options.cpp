@@ -9,13 +9,16 @@
 #include "diffusion/clients.h"
 #include "diffusion/sockets.h"
 #include "platform/ui.h"
+#include "shell/command_line.h"
 #include "shell/menu.h"
+#include "version.h"
 
 namespace norvanta {
 
 namespace {
 
 constexpr double largest_setting = 9999.0; // the Dashboard's own limit
+constexpr int usage_error_status = 2;
 
 // The replay options that take a number, with the range they accept.
 struct NumberOption {
@@ -122,6 +125,37 @@ OptionRead read_common_option(int argc, char** argv, int& i, const char* program
     for (const NumberOption& option : number_options)
         if (named(token, option.name)) return read_number(argc, argv, i, program, option, options);
     return OptionRead::not_common;
+}
+
+int answer_help_or_version(int argc, char** argv, const char* program, const char* help_text) {
+    for (int i = 1; i < argc; ++i) {
+        if (is(argv[i], "--help")) {
+            std::fputs(help_text, stdout);
+            return 0;
+        }
+        if (is(argv[i], "--version")) {
+            std::printf("%s (%s) %s\n", program, program_name, program_version);
+            return 0;
+        }
+    }
+    return -1;
+}
+
+int read_program_options(int argc, char** argv, const char* program, CommonOptions& options,
+                         const OwnOptionReader& own, std::vector<const char*>& tokens) {
+    for (int i = 1; i < argc; ++i) {
+        OptionRead read = read_common_option(argc, argv, i, program, options);
+        if (read == OptionRead::not_common) read = own(argc, argv, i);
+        if (read == OptionRead::refused) return usage_error_status;
+        if (read == OptionRead::taken) continue;
+        const char* token = argv[i];
+        if (token[0] == '-' && !is_navigation_token(token)) {
+            refuse(program, "unknown option '%s' (see --help)", token);
+            return usage_error_status;
+        }
+        tokens.push_back(token);
+    }
+    return 0;
 }
 
 void apply_client_options(const CommonOptions& options) {

@@ -35,21 +35,15 @@ namespace {
 
 [[maybe_unused]] const auto* const private_home = testing::use_private_home_for_this_process();
 
-testing::UdpListener* the_client = nullptr;
-testing::UdpListener& client() {
-    return *the_client;
-}
-
-class EngineEnvironment : public ::testing::Environment {
-  public:
-    void SetUp() override {
+[[maybe_unused]] const auto* const engine_environment =
+    ::testing::AddGlobalTestEnvironment(new testing::ReplayEnvironment([] {
         object_store_create();
         nav_point_register_type();
-        the_client = &testing::start_replay_to_one_client();
-    }
-};
-[[maybe_unused]] const auto* const engine_environment =
-    ::testing::AddGlobalTestEnvironment(new EngineEnvironment);
+    }));
+
+testing::UdpListener& client() {
+    return testing::ReplayEnvironment::client();
+}
 
 // ---- the clock and the tracks ----
 

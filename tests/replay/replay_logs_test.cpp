@@ -24,20 +24,13 @@ namespace {
 
 [[maybe_unused]] const auto* const private_home = testing::use_private_home_for_this_process();
 
-testing::UdpListener* the_client = nullptr;
-testing::UdpListener& client() {
-    return *the_client;
-}
-
-class ReplayLogsEnvironment : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        testing::set_up_gps_store(NORVANTA_SYSTEM_SOURCE_DIR "/");
-        the_client = &testing::start_replay_to_one_client();
-    }
-};
 [[maybe_unused]] const auto* const environment =
-    ::testing::AddGlobalTestEnvironment(new ReplayLogsEnvironment);
+    ::testing::AddGlobalTestEnvironment(new testing::ReplayEnvironment(
+        [] { testing::set_up_gps_store(NORVANTA_SYSTEM_SOURCE_DIR "/"); }));
+
+testing::UdpListener& client() {
+    return testing::ReplayEnvironment::client();
+}
 
 std::time_t fake_seconds = 1710072000;
 void fake_now(JulianTime& out) {

@@ -36,4 +36,20 @@ class UdpListener;
 // returned.
 UdpListener& start_replay_to_one_client();
 
+// The environment of such tests: prepare makes the store, then the replay
+// starts; client() is the one client.
+class ReplayEnvironment : public ::testing::Environment {
+  public:
+    explicit ReplayEnvironment(void (*prepare)()) : prepare_(prepare) {}
+    void SetUp() override {
+        prepare_();
+        client_ = &start_replay_to_one_client();
+    }
+    static UdpListener& client() { return *client_; }
+
+  private:
+    void (*prepare_)();
+    static inline UdpListener* client_ = nullptr;
+};
+
 } // namespace norvanta::testing
