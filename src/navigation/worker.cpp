@@ -341,7 +341,9 @@ int connect_once(ReceiverLink& link) {
         if (result) make_geo_reference(link, angle_unit_second);
         break;
     case link_kind_udp:
-        link.protocol = link_protocol_nmea;
+        // The window reads the link it made while this thread runs it: a
+        // protocol that is already NMEA is left unwritten.
+        if (link.protocol != link_protocol_nmea) link.protocol = link_protocol_nmea;
         result = open_udp_link(link);
         if (result) make_geo_reference(link, angle_unit_second);
         break;
