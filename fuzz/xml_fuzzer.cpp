@@ -55,10 +55,8 @@ void set_up_once() {
     static const bool done = [] {
         object_store_create();
         xml_init();
-        name_table_register(std::ssize(element_rows), element_rows);
-        name_table_set(std::ssize(element_rows), element_rows, element_set);
-        name_table_register(std::ssize(attribute_rows), attribute_rows);
-        name_table_set(std::ssize(attribute_rows), attribute_rows, attribute_set);
+        name_table_install(std::ssize(element_rows), element_rows, element_set);
+        name_table_install(std::ssize(attribute_rows), attribute_rows, attribute_set);
         return true;
     }();
     (void)done;

@@ -691,14 +691,10 @@ void gpx_init() {
     std::lock_guard lock(init_mutex);
     if (sets_ready.load(std::memory_order_relaxed) || error_pending()) return;
     xml_init();
-    name_table_register(element_name_count, element_rows);
-    name_table_set(element_name_count, element_rows, element_set);
-    name_table_register(attribute_name_count, attribute_rows);
-    name_table_set(attribute_name_count, attribute_rows, attribute_set);
-    name_table_register(registered_symbol_count, symbol_rows);
-    name_table_set(registered_symbol_count, symbol_rows, symbol_set);
-    name_table_register(color_name_count, color_rows);
-    name_table_set(color_name_count, color_rows, color_set);
+    name_table_install(element_name_count, element_rows, element_set);
+    name_table_install(attribute_name_count, attribute_rows, attribute_set);
+    name_table_install(registered_symbol_count, symbol_rows, symbol_set);
+    name_table_install(color_name_count, color_rows, color_set);
     if (!error_pending()) sets_ready.store(true, std::memory_order_release);
 }
 

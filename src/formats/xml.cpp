@@ -552,6 +552,11 @@ void name_table_set(int32_t count, const XmlName* table, ObjectId& out_set) {
         oset_insert(out_set, table[i].id);
 }
 
+void name_table_install(int32_t count, XmlName* table, ObjectId& out_set) {
+    name_table_register(count, table);
+    name_table_set(count, table, out_set);
+}
+
 int32_t name_lookup(ObjectId set, const char* text, int32_t default_value) {
     if (!text) return default_value;
     bool exact = false;

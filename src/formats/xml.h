@@ -48,6 +48,8 @@ void name_table_register(int32_t count, XmlName* table);
 // A new set of the rows' names, entered from the last row to the first. Rows
 // that were never registered are not in it.
 void name_table_set(int32_t count, const XmlName* table, ObjectId& out_set);
+// Both, as every reader needs its tables: registered, then made a set.
+void name_table_install(int32_t count, XmlName* table, ObjectId& out_set);
 // The value of the exact name (case counts), otherwise default_value; also
 // default_value while gblerr is set.
 int32_t name_lookup(ObjectId set, const char* text, int32_t default_value);

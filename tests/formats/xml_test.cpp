@@ -77,10 +77,8 @@ void set_up_once() {
         geodesy_load_from(NORVANTA_TEST_DATA_DIR "/geodesy/basic/");
         geodesy_find_wgs84();
         xml_init();
-        name_table_register(std::ssize(element_rows), element_rows);
-        name_table_set(std::ssize(element_rows), element_rows, element_set);
-        name_table_register(std::ssize(attribute_rows), attribute_rows);
-        name_table_set(std::ssize(attribute_rows), attribute_rows, attribute_set);
+        name_table_install(std::ssize(element_rows), element_rows, element_set);
+        name_table_install(std::ssize(attribute_rows), attribute_rows, attribute_set);
         return true;
     }();
     (void)done;
@@ -136,8 +134,7 @@ ObjectId long_entity_set() {
     static XmlName entity_rows[] = {xml_name("abcdefghijklmno", 'Z')};
     static const ObjectId set = [] {
         ObjectId made = 0;
-        name_table_register(1, entity_rows);
-        name_table_set(1, entity_rows, made);
+        name_table_install(1, entity_rows, made);
         return made;
     }();
     return set;
